@@ -1,0 +1,16 @@
+# Package files of an installed copy: the CMake package "kxupdater" and a pkg-config file.
+include(CMakePackageConfigHelpers)
+set(kx_cmake_dir "${CMAKE_INSTALL_LIBDIR}/cmake/kxupdater")
+
+install(EXPORT kxupdaterTargets NAMESPACE kx:: DESTINATION "${kx_cmake_dir}")
+configure_package_config_file(cmake/kxupdaterConfig.cmake.in
+    "${PROJECT_BINARY_DIR}/kxupdaterConfig.cmake" INSTALL_DESTINATION "${kx_cmake_dir}")
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/kxupdaterConfigVersion.cmake"
+    COMPATIBILITY SameMinorVersion)
+install(FILES
+    "${PROJECT_BINARY_DIR}/kxupdaterConfig.cmake"
+    "${PROJECT_BINARY_DIR}/kxupdaterConfigVersion.cmake"
+    DESTINATION "${kx_cmake_dir}")
+
+configure_file(cmake/kxupdater.pc.in "${PROJECT_BINARY_DIR}/kxupdater.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/kxupdater.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
