@@ -163,19 +163,19 @@ public:
         int depth = 0;
         for (; end + 1 < N; ++end) {
             const char c = signature[end];
-            if (c == '<') {
+            if (depth == 0 && c == '(') {
+                // "(anonymous namespace)" is part of a name, any other one opens the arguments.
+                if (signature[end + 1] != 'a' || (end != begin && signature[end - 1] != ':'))
+                    break;
+                while (signature[end] != ')')
+                    ++end;
+            } else if (depth == 0 && c == ':' && signature[end + 1] == ':' &&
+                       signature[end + 2] == '<') {
+                break; // a lambda, as compilers name it that do not list arguments before it
+            } else if (c == '<') {
                 ++depth;
             } else if (c == '>') {
                 --depth;
-            } else if (depth == 0 && c == '(') {
-                // "(anonymous namespace)" is part of a name, any other one opens the arguments.
-                if (end + 1 < N && signature[end + 1] == 'a' &&
-                    (end == begin || signature[end - 1] == ':')) {
-                    while (end + 1 < N && signature[end] != ')')
-                        ++end;
-                    continue;
-                }
-                break;
             } else if (depth == 0 && (c == ' ' || c == '*' || c == '&')) {
                 begin = end + 1;
             }
@@ -207,15 +207,14 @@ private:
 
 /**
  * Opens one log message of the unit's category: KX_LOG(Info) << "Fetched " << count << " files.";
- * A single statement, safe in if and else without braces.
+ * An expression, so safe in if and else without braces. The function's name is cut inside a lambda,
+ * whose signature begins with that of the function around it.
  */
 #define KX_LOG(level)                                                                              \
-    switch (0)                                                                                     \
-    case 0:                                                                                        \
-    default:                                                                                       \
-        if (static constexpr ::common::logger::FunctionName kxFunction(KX_FUNCTION_SIGNATURE);     \
-            false) {                                                                               \
-        } else                                                                                     \
-            ::common::logger::Message(::common::logger::GetLogger(), kxLogCategory,                \
-                                      ::common::logger::level, __FILE__, kxFunction.Text(),        \
-                                      __LINE__)
+    ::common::logger::Message(                                                                     \
+        ::common::logger::GetLogger(), kxLogCategory, ::common::logger::level, __FILE__,           \
+        [] {                                                                                       \
+            static constexpr ::common::logger::FunctionName kxFunction(KX_FUNCTION_SIGNATURE);     \
+            return kxFunction.Text();                                                              \
+        }(),                                                                                       \
+        __LINE__)
