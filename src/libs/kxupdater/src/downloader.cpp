@@ -147,7 +147,9 @@ IFileDownload* Downloader::CreateDownload(const File& file)
     KX_LOG(Info) << "Trying to start download file '" << name << "'...";
     // The name is the server's: it must not lead out of the directory, and the transfer itself
     // takes any path.
-    if (!common::PathGuard::Violation(downloadPath, name).isEmpty() || !transfer->StartDownload()) {
+    const bool confined =
+        !downloadPath.isEmpty() && common::PathGuard::Violation(downloadPath, name).isEmpty();
+    if (!confined || !transfer->StartDownload()) {
         KX_LOG(Critical) << "Can't start download file '" << name << "'!";
         return nullptr;
     }
