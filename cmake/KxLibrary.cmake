@@ -39,6 +39,10 @@ function(kx_library name)
     # PUBLIC_LIBS may name another library's objects; hosts link the shared library instead.
     string(REPLACE "_objects" "" public_libs "${arg_PUBLIC_LIBS}")
     target_link_libraries(${name} PUBLIC ${public_libs} PRIVATE ${arg_PRIVATE_LIBS})
+    if(TARGET kx_tsan)
+        target_link_libraries(${name}_objects PUBLIC kx_tsan)
+        target_link_libraries(${name} PUBLIC $<BUILD_INTERFACE:kx_tsan>)
+    endif()
 
     install(TARGETS ${name} EXPORT kxupdaterTargets
         LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
