@@ -12,5 +12,7 @@ install(FILES
     "${PROJECT_BINARY_DIR}/kxupdaterConfigVersion.cmake"
     DESTINATION "${kx_cmake_dir}")
 
+# The .pc file finds the prefix from its own place, so that the prefix can be moved.
+file(RELATIVE_PATH kx_pc_to_prefix "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
 configure_file(cmake/kxupdater.pc.in "${PROJECT_BINARY_DIR}/kxupdater.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/kxupdater.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")

@@ -45,8 +45,8 @@ bool OnDelivery(void**)
 }
 
 [[maybe_unused]] const bool installed = [] {
-    static QSignalSpyCallbackSet callbacks = {
-        [](QObject*, int, void**) { Release(); }, nullptr, nullptr, nullptr};
+    static QSignalSpyCallbackSet callbacks = {[](QObject*, int, void**) { Release(); }, nullptr,
+                                              nullptr, nullptr};
     qt_register_signal_spy_callbacks(&callbacks);
     return QInternal::registerCallback(QInternal::EventNotifyCallback, OnDelivery);
 }();

@@ -169,7 +169,7 @@ Version* Package::CreateVersion(QNetworkAccessManager* manager)
         KX_LOG(Critical) << "Failed to create version!";
         return nullptr;
     }
-    created->SetPackageName(Name());
+    created->SetPackageName(name);
     connect(created, SIGNAL(ready()), this, SLOT(OnVersionReady()));
     connect(created, SIGNAL(failed(int, const QString&)), this,
             SLOT(OnVersionFailed(int, const QString&)));

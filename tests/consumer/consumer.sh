@@ -1,0 +1,87 @@
+#!/usr/bin/env bash
+# One step of the consumer tests: consumer.sh STEP BUILD_DIR WORK_DIR LIBDIR
+#
+#   install     installs the build under a prefix, and moves the prefix
+#   cmake       builds and runs a host by CMake's find_package
+#   pkgconfig   builds and runs it by pkg-config
+#   symbols     compares what the libraries export with what the installed headers publish
+set -euo pipefail
+step=$1 build=$2 work=$3 libdir=$4
+host=$(dirname "${BASH_SOURCE[0]}")/host
+prefix=$work/moved
+unset LD_LIBRARY_PATH PKG_CONFIG_PATH CMAKE_PREFIX_PATH
+
+fail() {
+    printf 'consumer: %s\n' "$@" >&2
+    exit 1
+}
+
+install_and_move() {
+    rm -rf "$work"
+    "$CMAKE_COMMAND" --install "$build" --prefix "$work/first place" >/dev/null
+    mv "$work/first place" "$prefix"
+    # A path of the build or of the first place would make the package work on this machine only.
+    if grep -rIlE "$build|$work/first" "$prefix"; then
+        fail "these installed files name a directory of the build machine"
+    fi
+    if readelf -d "$prefix/$libdir"/*.so | grep -E 'R(UN)?PATH' | grep -vF '[$ORIGIN]'; then
+        fail "the run path of an installed library is not \$ORIGIN alone"
+    fi
+    for library in kxcommon kxupdater; do
+        readelf -d "$prefix/$libdir/lib$library.so" | grep -qE "SONAME.*\[lib$library\.so\.[0-9]+\]" ||
+            fail "lib$library.so has no versioned soname"
+    done
+}
+
+with_cmake() {
+    rm -rf "$work/cmake"
+    "$CMAKE_COMMAND" -G Ninja -S "$host" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix"
+    "$CMAKE_COMMAND" --build "$work/cmake"
+    "$work/cmake/host"
+}
+
+with_pkgconfig() {
+    export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
+    pkg-config --exists --print-errors "kxupdater >= 0.1"
+    read -ra flags <<<"$(pkg-config --cflags --libs kxupdater)"
+    "$CXX" -std=c++17 "$host/main.cpp" -o "$work/host" "${flags[@]}" \
+        -Wl,-rpath,"$(pkg-config --variable=libdir kxupdater)"
+    "$work/host"
+}
+
+symbols() {
+    local published exported line name known
+    # The names that the headers mark for export: classes, and functions before their parenthesis.
+    published=$(cat "$prefix"/include/kx*/*.h | tr '\n' ' ' |
+        grep -oE 'KX(COMMON|UPDATER)_EXPORT [^;{(:]*' |
+        sed -E 's/ *$//; s/.*[ *&]([A-Za-z_0-9]+|operator.*)$/\1/' | sort -u)
+    [ "$(wc -l <<<"$published")" -ge 15 ] || fail "found too few published names:" "$published"
+    exported=$(nm -D --defined-only -C "$prefix/$libdir"/libkx{common,updater}.so |
+        grep -E '^[0-9a-f]+ ' | cut -d' ' -f3- |
+        sed -E 's/^(non-virtual thunk to|typeinfo for|typeinfo name for|vtable for) //' | sort -u)
+
+    while read -r line; do
+        known=
+        for name in $published; do
+            if [[ $line =~ ^(common|common::http|common::logger|updater)::$name(::|\(|\[|$) ]]; then
+                known=yes
+                break
+            fi
+        done
+        [ -n "$known" ] || fail "exported, but not published by a header: $line"
+    done <<<"$exported"
+    for name in $published; do
+        [ "$name" != IMessage ] || continue # has inline members only
+        grep -qE "::$name(::|\(|\[|$)" <<<"$exported" ||
+            fail "published by a header, but not exported: $name"
+    done
+    echo "$(wc -l <<<"$exported") symbols of $(wc -l <<<"$published") published names"
+}
+
+case $step in
+install) install_and_move ;;
+cmake) with_cmake ;;
+pkgconfig) with_pkgconfig ;;
+symbols) symbols ;;
+*) fail "unknown step '$step'" ;;
+esac
