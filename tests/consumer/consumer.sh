@@ -52,7 +52,7 @@ with_pkgconfig() {
 symbols() {
     local published exported line name known
     # The names that the headers mark for export: classes, and functions before their parenthesis.
-    published=$(cat "$prefix"/include/kx*/*.h | tr '\n' ' ' |
+    published=$(find "$prefix/include" -name '*.h' ! -name '*_export.h' -exec cat {} + | tr '\n' ' ' |
         grep -oE 'KX(COMMON|UPDATER)_EXPORT [^;{(:]*' |
         sed -E 's/ *$//; s/.*[ *&]([A-Za-z_0-9]+|operator.*)$/\1/' | sort -u)
     [ "$(wc -l <<<"$published")" -ge 15 ] || fail "found too few published names:" "$published"
