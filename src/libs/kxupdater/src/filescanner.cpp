@@ -19,7 +19,10 @@ FileScanner::FileScanner(const QString& path) : path(path) {}
 
 FileScanner::~FileScanner()
 {
+    const QPointer<FileScanTask> last = task;
     Abort(true);
+    // Its thread has ended; the event loop, which would delete it later, may have as well.
+    delete last;
 }
 
 void FileScanner::SetPath(const QString& newPath)

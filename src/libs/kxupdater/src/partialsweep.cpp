@@ -6,7 +6,7 @@
 #include <QDirIterator>
 #include <QFile>
 
-KX_LOG_CATEGORY("updater.core")
+KX_LOG_CATEGORY("updater.download")
 
 namespace updater {
 
