@@ -1,0 +1,138 @@
+#include "platform.h"
+
+#include <QStringDecoder>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace publish {
+namespace {
+
+QString SystemText(int number)
+{
+    return QString::fromLocal8Bit(std::strerror(number));
+}
+
+TreeEntry::Kind KindOf(mode_t mode)
+{
+    if (S_ISREG(mode))
+        return TreeEntry::RegularFile;
+    if (S_ISDIR(mode))
+        return TreeEntry::Directory;
+    if (S_ISLNK(mode))
+        return TreeEntry::Link;
+    return TreeEntry::Special;
+}
+
+QByteArray ReadLinkAt(int directory, const char* name)
+{
+    QByteArray text(PATH_MAX + 1, Qt::Uninitialized);
+    const ssize_t length = ::readlinkat(directory, name, text.data(), size_t(text.size()));
+    return length < 0 ? QByteArray() : text.left(length);
+}
+
+// A leading byte order mark would be dropped by the decoder, hence the way back.
+QString Decoded(const QByteArray& native)
+{
+    QStringDecoder decoder(QStringDecoder::Utf8);
+    const QString text = decoder(native);
+    return decoder.hasError() || QFile::encodeName(text) != native ? QString() : text;
+}
+
+} // namespace
+
+bool ListDirectory(const QString& path, QList<TreeEntry>& entries, QString& error)
+{
+    DIR* directory = ::opendir(QFile::encodeName(path).constData());
+    if (!directory) {
+        error = SystemText(errno);
+        return false;
+    }
+    int failure = 0;
+    for (;;) {
+        errno = 0;
+        const dirent* found = ::readdir(directory);
+        if (!found) {
+            failure = errno;
+            break;
+        }
+        const QByteArray name(found->d_name);
+        if (name == "." || name == "..")
+            continue;
+        struct stat status;
+        if (::fstatat(::dirfd(directory), name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            failure = errno;
+            break;
+        }
+        TreeEntry entry;
+        entry.nativeName = name;
+        entry.name = Decoded(name);
+        entry.kind = KindOf(status.st_mode);
+        entry.hidden = name.startsWith('.');
+        entry.mode = int(status.st_mode & 0777);
+        if (entry.kind == TreeEntry::Link)
+            entry.nativeTarget = ReadLinkAt(::dirfd(directory), name.constData());
+        entries.append(entry);
+    }
+    ::closedir(directory);
+    if (failure)
+        error = SystemText(failure);
+    return failure == 0;
+}
+
+QByteArray ReadLink(const QString& path)
+{
+    return ReadLinkAt(AT_FDCWD, QFile::encodeName(path).constData());
+}
+
+bool OpenRegularFile(QFile& file, const QString& path, int& mode, QString& error)
+{
+    const int descriptor = ::open(QFile::encodeName(path).constData(),
+                                  O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    struct stat status;
+    if (descriptor < 0 || ::fstat(descriptor, &status) != 0) {
+        error = SystemText(errno);
+        if (descriptor >= 0)
+            ::close(descriptor);
+        return false;
+    }
+    mode = int(status.st_mode & 0777);
+    if (!S_ISREG(status.st_mode)) {
+        error = QStringLiteral("not a regular file");
+        ::close(descriptor);
+        return false;
+    }
+    if (!file.open(descriptor, QIODevice::ReadOnly | QIODevice::Unbuffered,
+                   QFileDevice::AutoCloseHandle)) {
+        error = file.errorString();
+        ::close(descriptor);
+        return false;
+    }
+    return true;
+}
+
+bool SyncPath(const QString& path, QString& error)
+{
+    const int descriptor = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0) {
+        error = SystemText(errno);
+        return false;
+    }
+    const bool synced = ::fsync(descriptor) == 0;
+    if (!synced)
+        error = SystemText(errno);
+    ::close(descriptor);
+    return synced;
+}
+
+int MaxPathLength()
+{
+    return PATH_MAX - 1;
+}
+
+} // namespace publish

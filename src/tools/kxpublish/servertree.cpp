@@ -1,0 +1,257 @@
+#include "servertree.h"
+
+#include "console.h"
+#include "manifest.h"
+#include "names.h"
+#include "paths.h"
+
+#include <kxupdater/build.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <algorithm>
+#include <filesystem>
+#include <tuple>
+
+namespace publish {
+namespace {
+
+QString SeparatorText()
+{
+    return QStringLiteral("-v");
+}
+
+QString BuildDirectory(const Build& build)
+{
+    return QStringLiteral("packages/%1%2%3/%4/%5")
+        .arg(build.package, SeparatorText(), build.version, updater::Build::OSName(),
+             build.platform);
+}
+
+// A link that leads nowhere exists as well: it would be in the way.
+bool Exists(const QString& path)
+{
+    const QFileInfo info(path);
+    return info.exists() || info.isSymLink();
+}
+
+QStringList Directories(const QString& path)
+{
+    return QDir(path).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+}
+
+bool Rename(const QString& from, const QString& to, QString& error)
+{
+    std::error_code code;
+    std::filesystem::rename(QFileInfo(from).filesystemFilePath(),
+                            QFileInfo(to).filesystemFilePath(), code);
+    if (code)
+        error = QStringLiteral("cannot rename %1 to %2: %3")
+                    .arg(Shown(from), Shown(to), QString::fromLocal8Bit(code.message().c_str()));
+    return !code;
+}
+
+QString LockError(QLockFile& lock, const QString& path)
+{
+    if (lock.error() != QLockFile::LockFailedError)
+        return QStringLiteral("cannot make the lock file %1").arg(Shown(path));
+    qint64 process = 0;
+    QString host;
+    QString program;
+    lock.getLockInfo(&process, &host, &program);
+    return QStringLiteral("another run is writing: process %1 on '%2' holds %3")
+        .arg(process)
+        .arg(host, Shown(path));
+}
+
+} // namespace
+
+ServerTree::ServerTree(const QString& root) : root(root) {}
+
+ServerTree::~ServerTree()
+{
+    if (!lock)
+        return;
+    QString ignored; // the next run tries again
+    RemoveWork(ignored);
+    lock.reset();
+    RemoveMadeDirectories();
+}
+
+QString ServerTree::PackagesPath() const
+{
+    return root + QStringLiteral("/packages");
+}
+
+QString ServerTree::VersionReplyPath() const
+{
+    return PackagesPath() + QStringLiteral("/version.xml");
+}
+
+QString ServerTree::BuildPath(const Build& build) const
+{
+    return root + QLatin1Char('/') + BuildDirectory(build);
+}
+
+QString ServerTree::ManifestPath(const Build& build) const
+{
+    return BuildPath(build) + QStringLiteral("/index.xml");
+}
+
+QString ServerTree::FilesPath(const Build& build) const
+{
+    return BuildPath(build) + QStringLiteral("/files");
+}
+
+QString ServerTree::FilesUrl(const QString& baseUrl, const Build& build)
+{
+    return baseUrl + QLatin1Char('/') + BuildDirectory(build) + QStringLiteral("/files");
+}
+
+bool ServerTree::IsTaken(const Build& build) const
+{
+    return Exists(BuildPath(build));
+}
+
+QList<Build> ServerTree::Builds() const
+{
+    QList<Build> builds;
+    for (const QString& name : Directories(PackagesPath())) {
+        // A version never holds the separator, so the last one is it; see VersionProblem().
+        const qsizetype separator = name.lastIndexOf(SeparatorText());
+        if (separator < 0)
+            continue;
+        Build build;
+        build.package = name.left(separator);
+        build.version = name.mid(separator + SeparatorText().size());
+        if (!PackageProblem(build.package).isEmpty() || !VersionProblem(build.version).isEmpty())
+            continue;
+        const QString systemPath =
+            PackagesPath() + QLatin1Char('/') + name + QLatin1Char('/') + updater::Build::OSName();
+        for (const QString& platform : Directories(systemPath)) {
+            build.platform = platform;
+            if (QFileInfo(ManifestPath(build)).isFile())
+                builds.append(build);
+        }
+    }
+    std::sort(builds.begin(), builds.end(), [](const Build& a, const Build& b) {
+        return std::tie(a.package, a.platform, a.version) <
+               std::tie(b.package, b.platform, b.version);
+    });
+    return builds;
+}
+
+QString ServerTree::OfferedVersion() const
+{
+    QFile file(VersionReplyPath());
+    return file.open(QIODevice::ReadOnly) ? ReadVersionReply(file.readAll()) : QString();
+}
+
+bool ServerTree::Open(QString& error)
+{
+    if (!MakeDirectories(PackagesPath(), error)) {
+        RemoveMadeDirectories();
+        return false;
+    }
+    const QString lockPath = PackagesPath() + QStringLiteral("/.kxpublish.lock");
+    auto taken = std::make_unique<QLockFile>(lockPath);
+    // Age says nothing about a run; a lock whose process is gone is taken over all the same.
+    taken->setStaleLockTime(0);
+    if (!taken->tryLock(0)) {
+        error = LockError(*taken, lockPath);
+        RemoveMadeDirectories();
+        return false;
+    }
+    lock = std::move(taken);
+    if (!RemoveWork(error))
+        return false;
+    if (!QDir().mkpath(StagedBuildPath() + QStringLiteral("/files"))) {
+        error = QStringLiteral("cannot make the directory %1").arg(Shown(StagedBuildPath()));
+        return false;
+    }
+    return true;
+}
+
+QString ServerTree::StagedBuildPath() const
+{
+    return WorkPath() + QStringLiteral("/build");
+}
+
+bool ServerTree::PlaceBuild(const Build& build, QString& error)
+{
+    const QString place = BuildPath(build);
+    const QString parent = QFileInfo(place).path();
+    // rename() would silently replace an empty directory.
+    if (IsTaken(build)) {
+        error = QStringLiteral("%1 exists already").arg(Shown(place));
+        return false;
+    }
+    if (!MakeDirectories(parent, error) || !Rename(StagedBuildPath(), place, error))
+        return false;
+    made.clear();
+    return Sync(parent, error);
+}
+
+bool ServerTree::PlaceVersionReply(const QByteArray& text, QString& error)
+{
+    const QString staged = WorkPath() + QStringLiteral("/version.xml");
+    return WriteNewFile(staged, text, error) && Rename(staged, VersionReplyPath(), error) &&
+           Sync(PackagesPath(), error);
+}
+
+// One level at a time, to know what to remove again, and to bring each new name to the disk.
+bool ServerTree::MakeDirectories(const QString& path, QString& error)
+{
+    if (QFileInfo(path).isDir())
+        return true;
+    const QString parent = QFileInfo(path).path();
+    if (parent == path || !MakeDirectories(parent, error))
+        return false;
+    if (!QDir().mkdir(path)) {
+        error = QStringLiteral("cannot make the directory %1").arg(Shown(path));
+        return false;
+    }
+    made.append(path);
+    return Sync(parent, error);
+}
+
+void ServerTree::RemoveMadeDirectories()
+{
+    // Fails, as it should, for directories in which somebody else has put something meanwhile.
+    while (!made.isEmpty())
+        QDir().rmdir(made.takeLast());
+}
+
+QString ServerTree::WorkPath() const
+{
+    return PackagesPath() + QStringLiteral("/.kxpublish");
+}
+
+bool ServerTree::RemoveWork(QString& error)
+{
+    const QFileInfo info(WorkPath());
+    // Removing through a link would empty whatever it leads to.
+    const bool removed = info.isSymLink() || info.isFile() ? QFile::remove(WorkPath())
+                         : info.exists()                   ? QDir(WorkPath()).removeRecursively()
+                                                           : true;
+    if (!removed)
+        error =
+            QStringLiteral("cannot remove %1, left by an interrupted run").arg(Shown(WorkPath()));
+    return removed;
+}
+
+bool WriteNewFile(const QString& path, const QByteArray& text, QString& error)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::NewOnly | QIODevice::Unbuffered) ||
+        file.write(text) != text.size()) {
+        error = QStringLiteral("cannot write %1: %2").arg(Shown(path), file.errorString());
+        return false;
+    }
+    file.close();
+    return Sync(path, error);
+}
+
+} // namespace publish

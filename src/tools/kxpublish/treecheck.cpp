@@ -1,0 +1,160 @@
+#include "treecheck.h"
+
+#include "console.h"
+#include "linkcheck.h"
+#include "names.h"
+
+#include <algorithm>
+
+namespace publish {
+
+QString JoinPath(const QString& directory, const QString& name)
+{
+    return directory.isEmpty() ? name : directory + QLatin1Char('/') + name;
+}
+
+TreeCheck::TreeCheck(const QString& root, const QString& baseUrl, const QString& filesPath,
+                     Problems* problems)
+    : root(root), baseUrl(baseUrl), filesPath(filesPath), problems(problems)
+{
+}
+
+void TreeCheck::Run()
+{
+    CheckDirectory(QString(), true);
+    CheckLinks(contents, problems);
+    if (problems->IsEmpty() && contents.files.isEmpty() && contents.links.isEmpty())
+        problems->Refuse(Shown(root), QStringLiteral("the tree has no file and no link"));
+}
+
+const TreeContents& TreeCheck::Contents() const
+{
+    return contents;
+}
+
+void TreeCheck::CheckDirectory(const QString& directory, bool nameIsGood)
+{
+    QList<TreeEntry> entries;
+    QString error;
+    if (!ListDirectory(JoinPath(root, directory), entries, error)) {
+        problems->Refuse(Shown(directory.isEmpty() ? root : directory),
+                         QStringLiteral("the directory cannot be listed: ") + error);
+        return;
+    }
+    if (entries.isEmpty() && !directory.isEmpty())
+        problems->Warn(Shown(directory),
+                       QStringLiteral("the directory is empty; clients will not have it"));
+    // The order of messages must not depend on the file system.
+    std::sort(entries.begin(), entries.end(),
+              [](const TreeEntry& a, const TreeEntry& b) { return a.nativeName < b.nativeName; });
+    CheckSiblings(entries, directory);
+    for (const TreeEntry& entry : std::as_const(entries))
+        CheckEntry(entry, directory, nameIsGood);
+}
+
+void TreeCheck::CheckEntry(const TreeEntry& entry, const QString& directory, bool nameIsGood)
+{
+    const QString name = JoinPath(directory, entry.name);
+    const bool good = CheckName(entry, directory, nameIsGood);
+    // Below a hidden directory everything is hidden, and what has no text cannot be opened.
+    if (entry.hidden || entry.name.isEmpty())
+        return;
+    switch (entry.kind) {
+    case TreeEntry::Directory:
+        contents.directories.insert(name);
+        CheckDirectory(name, nameIsGood && good);
+        break;
+    case TreeEntry::RegularFile:
+        CheckFile(entry, name);
+        break;
+    case TreeEntry::Link:
+        CheckLink(entry, name);
+        break;
+    case TreeEntry::Special:
+        problems->Refuse(Shown(name), QStringLiteral("neither file, link nor directory"));
+        break;
+    }
+}
+
+bool TreeCheck::CheckName(const TreeEntry& entry, const QString& directory, bool nameIsGood)
+{
+    const QByteArray native = directory.isEmpty()
+                                  ? entry.nativeName
+                                  : QFile::encodeName(directory) + '/' + entry.nativeName;
+    if (entry.name.isEmpty()) {
+        problems->Refuse(Shown(native),
+                         QStringLiteral("the name is not UTF-8 without a byte order mark"));
+        return false;
+    }
+    const QString name = JoinPath(directory, entry.name);
+    if (entry.hidden) {
+        problems->Refuse(Shown(name), QStringLiteral("hidden; clients skip hidden entries"));
+        return false;
+    }
+    // What is wrong with a directory's name is said once, not for everything below it.
+    const QString problem = PathProblem(nameIsGood ? name : entry.name, baseUrl);
+    if (!problem.isEmpty()) {
+        problems->Refuse(Shown(name), problem);
+        return false;
+    }
+    if (nameIsGood && QFile::encodeName(filesPath).size() + 1 + native.size() > MaxPathLength())
+        problems->Refuse(
+            Shown(name),
+            QStringLiteral("the path is too long below %1 on the server").arg(Shown(filesPath)));
+    return true;
+}
+
+// File systems that ignore case or normalisation cannot hold both of two such names. Directories
+// are siblings as well, so comparing the names of one directory at a time compares whole paths.
+void TreeCheck::CheckSiblings(const QList<TreeEntry>& entries, const QString& directory)
+{
+    QHash<QString, QString> seen;
+    for (const TreeEntry& entry : entries) {
+        if (entry.name.isEmpty())
+            continue;
+        const QString decomposed = entry.name.normalized(QString::NormalizationForm_D);
+        const QString key = decomposed.toCaseFolded().normalized(QString::NormalizationForm_D);
+        const auto other = seen.constFind(key);
+        if (other == seen.constEnd()) {
+            seen.insert(key, entry.name);
+            continue;
+        }
+        const bool sameLetters =
+            other.value().normalized(QString::NormalizationForm_D) == decomposed;
+        problems->Refuse(Shown(JoinPath(directory, entry.name)),
+                         (sameLetters
+                              ? QStringLiteral("differs from %1 only in Unicode normalisation")
+                              : QStringLiteral("differs from %1 only in case"))
+                             .arg(Shown(JoinPath(directory, other.value()))));
+    }
+}
+
+void TreeCheck::CheckFile(const TreeEntry& entry, const QString& name)
+{
+    contents.files.insert(name, entry.mode);
+    // A client gives the file the same mode, and then has to read it to verify it.
+    if (!(entry.mode & 0400)) {
+        problems->Refuse(Shown(name), QStringLiteral("its owner may not read it"));
+        return;
+    }
+    QFile file;
+    int mode = 0;
+    QString error;
+    if (!OpenRegularFile(file, JoinPath(root, name), mode, error))
+        problems->Refuse(Shown(name), QStringLiteral("cannot be read: ") + error);
+}
+
+void TreeCheck::CheckLink(const TreeEntry& entry, const QString& name)
+{
+    const QString target = QString::fromUtf8(entry.nativeTarget);
+    if (target.toUtf8() != entry.nativeTarget) {
+        problems->Refuse(Shown(name), QStringLiteral("the target of the link is not valid UTF-8"));
+        return;
+    }
+    const QString problem = TargetTextProblem(target);
+    if (!problem.isEmpty())
+        problems->Refuse(Shown(name), problem);
+    contents.links.insert(name, target);
+}
+
+} // namespace publish
