@@ -169,7 +169,7 @@ private:
     FileList DeleteList() const;
     QString LocalPath(const File& file) const;
     QString AssembledPath(const File& file) const;
-    void SweepPartials(const FileList& downloads);
+    void SweepPartials(const FileList& plan);
     void StartVerification();
     bool CreateSymlink(const File& file);
 

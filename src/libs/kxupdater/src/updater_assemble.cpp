@@ -71,23 +71,23 @@ QString Updater::AssembledPath(const File& file) const
 
 void Updater::OnPreparingStateEnter()
 {
-    const qint64 copies = CopyList().size();
-    KX_LOG_STATE(Info) << copies << " will be copied from local package.";
+    const FileList copies = CopyList();
+    KX_LOG_STATE(Info) << qint64(copies.size()) << " will be copied from local package.";
     const FileList downloads = DownloadList();
     KX_LOG_STATE(Info) << qint64(downloads.size()) << " will be downloaded from server.";
     const qint64 symlinks = SymlinkList().size();
     KX_LOG_STATE(Info) << symlinks << " symlinks will be created.";
     KX_LOG_STATE(Info) << qint64(DeleteList().size()) << " will be deleted after update.";
-    if (copies == 0 && downloads.isEmpty() && symlinks == 0)
+    if (copies.isEmpty() && downloads.isEmpty() && symlinks == 0)
         KX_LOG_STATE(Critical) << "Nothing to do!!!";
 
-    copyCount = static_cast<int>(copies);
+    copyCount = static_cast<int>(copies.size());
     downloadCount = static_cast<int>(downloads.size());
     symlinkCount = static_cast<int>(symlinks);
-    SweepPartials(downloads);
+    SweepPartials(downloads + copies);
 }
 
-void Updater::SweepPartials(const FileList& downloads)
+void Updater::SweepPartials(const FileList& plan)
 {
     partialsSwept = false;
     partialSweep.reset();
@@ -95,8 +95,10 @@ void Updater::SweepPartials(const FileList& downloads)
         return;
 
     const QString root = QDir::cleanPath(downloadPath);
+    // Downloads go on where theirs ended, and copies, which may be under way before the sweep has
+    // ended, go by way of the same names and clear away what an earlier run left there.
     QSet<QString> keep;
-    for (const File& file : downloads) {
+    for (const File& file : plan) {
         const QString path = QDir::cleanPath(root + QLatin1Char('/') + file.Name());
         keep.insert(common::http::PartialFilePath(path));
     }
