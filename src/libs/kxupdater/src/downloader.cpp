@@ -88,6 +88,7 @@ bool Downloader::Start()
 {
     if (files.isEmpty())
         KX_LOG(Error) << "Trying to start with empty list of files!";
+    ++run;
     pending = files;
     SendRequest();
     return true;
@@ -95,6 +96,7 @@ bool Downloader::Start()
 
 void Downloader::Abort()
 {
+    ++run;
     if (active.isEmpty())
         return;
     // Emptied first: a host that looks at the downloader from inside the signal finds it idle.
@@ -163,8 +165,10 @@ void Downloader::OnFileDownloadComplete()
         active.remove(transfer);
         delete transfer;
         const int total = static_cast<int>(files.size());
+        const quint64 reported = run;
         Q_EMIT progress(total - static_cast<int>(active.size() + pending.size()), total);
-        if (!self)
+        // Whoever aborted or started anew inside the signal has settled what comes next.
+        if (!self || run != reported)
             return;
     } else {
         KX_LOG(Error) << "DownloadComplete() - File download is null!";

@@ -131,7 +131,9 @@ void Updater::SetCheckInterval(int seconds)
     checkInterval = seconds;
     // A timer counts in int: 30 days are more milliseconds than it can hold.
     const qint64 longest = std::numeric_limits<int>::max();
-    checkTimer.setInterval(static_cast<int>(qMin(qint64(seconds) * 1000, longest)));
+    if (seconds < 0)
+        checkTimer.stop();
+    checkTimer.setInterval(static_cast<int>(qBound(qint64(-1), qint64(seconds) * 1000, longest)));
     checkTimer.setSingleShot(true);
     KX_LOG_STATE(Info) << "Setting check interval '" << seconds << "'.";
 }

@@ -151,7 +151,10 @@ void Updater::BuildStateMachine()
 
     auto* waitingState = static_cast<QState*>(byName.value(QStringLiteral("WAITING")));
     QAbstractState* checkingState = byName.value(QStringLiteral("CHECKING"));
-    Wire(waitingState, SIGNAL(entered()), &checkTimer, SLOT(start()));
+    connect(waitingState, &QState::entered, &checkTimer, [this] {
+        if (checkInterval >= 0)
+            checkTimer.start();
+    });
     Wire(waitingState, SIGNAL(exited()), &checkTimer, SLOT(stop()));
     waitingState->addTransition(&checkTimer, SIGNAL(timeout()), checkingState);
     // A query that is still under way when its check is left would answer into a later one.

@@ -88,6 +88,7 @@ private:
     FileList pending;
     QSet<common::http::IFileDownload*> active;
     unsigned int maxDownloads = 4;
+    quint64 run = 0; // counts Start() and Abort(): tells after an emit whether either was called
 };
 
 } // namespace updater
