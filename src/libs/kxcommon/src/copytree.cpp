@@ -11,6 +11,9 @@ namespace common {
 namespace {
 
 constexpr char stagingSuffix[] = ".kxnew";
+// From here on one call for the whole volume is faster than one for each entry: 20,000 files of
+// 4 KiB take 0.3 s instead of 3 s on ext4. Below, nobody waits for what others have written.
+constexpr std::uint64_t manyEntries = 256;
 
 bool IsMissing(const fileops::Error& error)
 {
@@ -81,6 +84,7 @@ private:
     Failure EnterCopy(const FileWalk& walk, DirectoryStack* copy, Placing placing) const;
     Failure CopyEntry(const FileWalk& walk, const DirectoryStack& copy, Placing placing) const;
     Failure SyncTree(const fileops::Name& staging);
+    fileops::Error SyncEntries(fileops::Directory directory, const fileops::Path& path);
     Failure SyncParents();
     Failure Failed(int code, const QString& step, const fileops::Error& error) const
     {
@@ -100,6 +104,7 @@ private:
     fileops::Attributes rootState; // of the source
     fileops::Directory parent;     // of the destination
     int madeParents = 0;
+    std::uint64_t copied = 0; // entries
 };
 
 Failure TreeCopy::Run()
@@ -264,7 +269,10 @@ Failure TreeCopy::Contents(fileops::Directory from, fileops::Directory to, Placi
         }
         if (failure)
             return failure;
-        if (step != FileWalk::Step::Leave && !advance(entryAmount))
+        if (step == FileWalk::Step::Leave)
+            continue;
+        ++copied;
+        if (!advance(entryAmount))
             return Abandoned();
     }
 }
@@ -324,16 +332,32 @@ Failure TreeCopy::CopyEntry(const FileWalk& walk, const DirectoryStack& copy, Pl
 
 Failure TreeCopy::SyncTree(const fileops::Name& staging)
 {
-    const QString bringing = QStringLiteral("bringing the new tree to disk");
     fileops::Directory directory;
     fileops::Error error = directory.OpenChild(parent, staging);
-    if (!error)
-        error = directory.Sync();
+    const bool isAtOnce = !error && copied >= manyEntries && directory.CanSyncVolume();
+    if (isAtOnce)
+        error = directory.SyncVolume();
+    else if (!error)
+        error = SyncEntries(std::move(directory), target.parent / staging);
+    // The kept permissions may close an entry to the one who copied it.
+    if (!isAtOnce && IsAccess(error))
+        error = parent.SyncVolume();
+    if (error)
+        return Failed(CopySync, QStringLiteral("bringing the new tree to disk"), error);
+    if (isAtOnce && !advance(copied * syncAmount))
+        return Abandoned();
+    return {};
+}
+
+fileops::Error TreeCopy::SyncEntries(fileops::Directory directory, const fileops::Path& path)
+{
+    if (const fileops::Error error = directory.Sync())
+        return error;
     FileWalk walk(FileWalk::KindsOnly);
-    if (!error)
-        walk.Begin(std::move(directory), target.parent / staging);
-    while (!error) {
+    walk.Begin(std::move(directory), path);
+    for (;;) {
         const FileWalk::Step step = walk.Next();
+        fileops::Error error;
         if (step == FileWalk::Step::End)
             return {};
         if (step == FileWalk::Step::Error)
@@ -342,13 +366,11 @@ Failure TreeCopy::SyncTree(const fileops::Name& staging)
             error = walk.Top().Sync();
         else if (step == FileWalk::Step::Entry && walk.Current().kind == fileops::Kind::File)
             error = walk.Top().SyncFile(walk.Name());
-        if (!error && step != FileWalk::Step::Leave && !advance(syncAmount))
-            return Abandoned();
+        if (error)
+            return error;
+        if (step != FileWalk::Step::Leave && !advance(syncAmount))
+            return std::make_error_code(std::errc::operation_canceled);
     }
-    // The kept permissions may close an entry to the one who copied it.
-    if (IsAccess(error))
-        error = parent.SyncVolume();
-    return error ? Failed(CopySync, bringing, error) : Failure();
 }
 
 Failure TreeCopy::SyncParents()

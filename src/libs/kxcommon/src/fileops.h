@@ -105,8 +105,10 @@ public:
     Error Sync() const;
     /** Brings the content of the file `name` to disk. */
     Error SyncFile(const Name& name) const;
-    /** Brings everything on the directory's volume to disk, for entries that cannot be opened. */
+    /** Brings everything on the directory's volume to disk in one call. */
     Error SyncVolume() const;
+    /** Whether SyncVolume() is known to reach the disk and to tell when it could not. */
+    bool CanSyncVolume() const;
 
 private:
     friend class File;

@@ -6,8 +6,15 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#ifdef __linux__
+#include <linux/magic.h>
+#include <sys/utsname.h>
+#include <sys/vfs.h>
+#endif
+
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace common::fileops {
@@ -398,6 +405,30 @@ Error Directory::SyncVolume() const
 #else
     sync();
     return {};
+#endif
+}
+
+bool Directory::CanSyncVolume() const
+{
+#ifdef __linux__
+    // Before Linux 5.8 the call kept errors of the medium to itself.
+    utsname system = {};
+    if (uname(&system) < 0)
+        return false;
+    char* minor = nullptr;
+    const long major = std::strtol(system.release, &minor, 10);
+    if (major < 5 || (major == 5 && (*minor != '.' || std::strtol(minor + 1, nullptr, 10) < 8)))
+        return false;
+    struct statfs volume = {};
+    if (fstatfs(handle, &volume) < 0)
+        return false;
+    // Network and user space file systems may pass nothing on to those who store the data.
+    constexpr long xfs = 0x58465342;
+    const auto type = static_cast<long>(volume.f_type);
+    return type == EXT4_SUPER_MAGIC || type == BTRFS_SUPER_MAGIC || type == F2FS_SUPER_MAGIC ||
+           type == TMPFS_MAGIC || type == xfs;
+#else
+    return false;
 #endif
 }
 

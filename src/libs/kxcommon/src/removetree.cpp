@@ -57,7 +57,8 @@ RemoveResult Empty(fileops::Directory root, const fileops::Path& path, const Rem
         fileops::Error error = fileops::At(fileops::Step::Entry);
         if (!error)
             error = RemoveInside(walk.Top(), walk.Name(), step == FileWalk::Step::Leave);
-        if (step == FileWalk::Step::Leave && IsNotEmpty(error))
+        const bool isSwapped = error == std::errc::not_a_directory;
+        if (step == FileWalk::Step::Leave && (isSwapped || IsNotEmpty(error)))
             *isEmpty = false;
         else if (error)
             return {error, walk.Path(), false};
@@ -99,7 +100,7 @@ RemoveResult RemoveTree(const fileops::Directory& parent, const fileops::Name& n
         error = Remove(parent, name, true);
         if (!error)
             return {};
-        if (!IsNotEmpty(error))
+        if (!IsNotEmpty(error) && error != std::errc::not_a_directory)
             return {error, path, false};
     }
     return {std::make_error_code(std::errc::directory_not_empty), path, false};
