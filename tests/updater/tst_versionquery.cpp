@@ -61,6 +61,8 @@ class TestVersionQuery : public QObject
 {
     Q_OBJECT
 
+    int shippedDelay = updater::internal::RetryDelay();
+
 private Q_SLOTS:
     void init()
     {
@@ -111,8 +113,7 @@ private Q_SLOTS:
 
 void TestVersionQuery::RetriesWaitFiveSecondsAsShipped()
 {
-    updater::internal::SetRetryDelay(5000);
-    QCOMPARE(updater::internal::RetryDelay(), 5000);
+    QCOMPARE(shippedDelay, 5000);
 }
 
 void TestVersionQuery::ServiceIsConfiguredOnceAtConstruction()
