@@ -148,7 +148,9 @@ void TreeCheck::CheckLink(const TreeEntry& entry, const QString& name)
 {
     const QString target = QString::fromUtf8(entry.nativeTarget);
     if (target.toUtf8() != entry.nativeTarget) {
-        problems->Refuse(Shown(name), QStringLiteral("the target of the link is not valid UTF-8"));
+        problems->Refuse(
+            Shown(name),
+            QStringLiteral("the target of the link is not UTF-8 without a byte order mark"));
         return;
     }
     const QString problem = TargetTextProblem(target);
