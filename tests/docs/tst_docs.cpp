@@ -1,0 +1,186 @@
+// Compares the documents with the sources that they quote, list and link to.
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QMap>
+#include <QRegularExpression>
+#include <QTest>
+
+namespace {
+
+const QString root = QStringLiteral(KX_SOURCE_DIR);
+
+QString ReadFile(const QString& name)
+{
+    QFile file(root + QLatin1Char('/') + name);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}
+
+QStringList Documents()
+{
+    QStringList names = QDir(root).entryList({QStringLiteral("*.md")}, QDir::Files);
+    for (const QString& name :
+         QDir(root + QStringLiteral("/docs")).entryList({QStringLiteral("*.md")}, QDir::Files))
+        names.append(QStringLiteral("docs/") + name);
+    return names;
+}
+
+/** The lines between the two marks "[name]" of a source, without their common indentation. */
+QString MarkedPart(const QString& source, const QString& name)
+{
+    const QRegularExpression mark(
+        QStringLiteral("^ *(//|#)! \\[%1\\]$").arg(QRegularExpression::escape(name)));
+    QStringList part;
+    int marks = 0;
+    for (const QString& line : source.split(QLatin1Char('\n'))) {
+        if (mark.match(line).hasMatch())
+            ++marks;
+        else if (marks == 1)
+            part.append(line);
+    }
+    if (marks != 2)
+        return QStringLiteral("%1 marks [%2] instead of two").arg(marks).arg(name);
+
+    qsizetype indentation = -1;
+    for (const QString& line : part) {
+        qsizetype blanks = 0;
+        while (blanks < line.size() && line.at(blanks) == QLatin1Char(' '))
+            ++blanks;
+        if (blanks < line.size() && (indentation < 0 || blanks < indentation))
+            indentation = blanks;
+    }
+    for (QString& line : part)
+        line = line.mid(qMax<qsizetype>(indentation, 0));
+    return part.join(QLatin1Char('\n'));
+}
+
+/** Code -> name of every enumerator of an errors.h. */
+QMap<int, QString> EnumOf(const QString& header)
+{
+    QMap<int, QString> codes;
+    const QRegularExpression row(QStringLiteral("(\\w+) = (6[0-9]{5}),"));
+    const QString text = ReadFile(header);
+    for (auto match = row.globalMatch(text); match.hasNext();) {
+        const QRegularExpressionMatch found = match.next();
+        codes.insert(found.captured(2).toInt(), found.captured(1));
+    }
+    return codes;
+}
+
+} // namespace
+
+class TestDocs : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void QuotedCodeIsThatOfItsSource_data();
+    void QuotedCodeIsThatOfItsSource();
+    void LinksLeadToFiles_data();
+    void LinksLeadToFiles();
+    void ErrorTableListsExactlyTheCodesOfTheHeaders();
+    void TextsOfTheUpdatersErrorsStandInItsSources();
+};
+
+void TestDocs::QuotedCodeIsThatOfItsSource_data()
+{
+    QTest::addColumn<QString>("document");
+    for (const QString& name : Documents())
+        QTest::newRow(qPrintable(name)) << name;
+}
+
+void TestDocs::QuotedCodeIsThatOfItsSource()
+{
+    QFETCH(QString, document);
+    // A quotation is "<!-- FILE [MARK] -->" and a fenced block in the next line. C++ and CMake are
+    // always quotations: what is not compiled goes stale.
+    const QRegularExpression fence(
+        QStringLiteral("(?:^<!-- (\\S+) \\[(\\S+)\\] -->\\n)?^```(\\w*)\\n(.*?)^```$"),
+        QRegularExpression::MultilineOption | QRegularExpression::DotMatchesEverythingOption);
+    const QString text = ReadFile(document);
+    QVERIFY(!text.isEmpty());
+    for (auto match = fence.globalMatch(text); match.hasNext();) {
+        const QRegularExpressionMatch block = match.next();
+        const QString quoted = block.captured(4).chopped(block.captured(4).isEmpty() ? 0 : 1);
+        if (block.captured(1).isEmpty()) {
+            QVERIFY2(block.captured(3) != QLatin1String("cpp") &&
+                         block.captured(3) != QLatin1String("cmake"),
+                     qPrintable(QStringLiteral("code without a source:\n") + quoted));
+            continue;
+        }
+        const QString source = ReadFile(block.captured(1));
+        QVERIFY2(!source.isEmpty(), qPrintable(block.captured(1)));
+        QCOMPARE(quoted, MarkedPart(source, block.captured(2)));
+    }
+}
+
+void TestDocs::LinksLeadToFiles_data()
+{
+    QuotedCodeIsThatOfItsSource_data();
+}
+
+void TestDocs::LinksLeadToFiles()
+{
+    QFETCH(QString, document);
+    const QRegularExpression link(QStringLiteral("\\]\\(([^)#]+)(#[^)]*)?\\)"));
+    const QDir directory = QFileInfo(root + QLatin1Char('/') + document).dir();
+    const QString text = ReadFile(document);
+    for (auto match = link.globalMatch(text); match.hasNext();) {
+        const QString target = match.next().captured(1);
+        if (!target.contains(QLatin1String("://")))
+            QVERIFY2(QFileInfo::exists(directory.filePath(target)), qPrintable(target));
+    }
+}
+
+void TestDocs::ErrorTableListsExactlyTheCodesOfTheHeaders()
+{
+    QMap<int, QString> published =
+        EnumOf(QStringLiteral("src/libs/kxupdater/include/kxupdater/errors.h"));
+    QVERIFY(published.size() > 20);
+    published.insert(EnumOf(QStringLiteral("src/libs/kxcommon/include/kxcommon/errors.h")));
+    QVERIFY(published.size() > 60);
+
+    QMap<int, QString> listed;
+    const QRegularExpression row(QStringLiteral("^\\| (6[0-9]{5}) `(\\w+)` \\|"),
+                                 QRegularExpression::MultilineOption);
+    const QString text = ReadFile(QStringLiteral("docs/errors.md"));
+    for (auto match = row.globalMatch(text); match.hasNext();) {
+        const QRegularExpressionMatch found = match.next();
+        const int code = found.captured(1).toInt();
+        QVERIFY2(!listed.contains(code), qPrintable(found.captured(1)));
+        listed.insert(code, found.captured(2));
+    }
+    QCOMPARE(listed.keys(), published.keys());
+    QCOMPARE(listed, published);
+}
+
+void TestDocs::TextsOfTheUpdatersErrorsStandInItsSources()
+{
+    QString sources;
+    QDirIterator files(root + QStringLiteral("/src/libs/kxupdater/src"), {QStringLiteral("*.cpp")},
+                       QDir::Files);
+    while (files.hasNext()) {
+        QFile file(files.next());
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        sources += QString::fromUtf8(file.readAll());
+    }
+    // Rows of the updater's own codes: every quoted text of the second column.
+    const QRegularExpression row(QStringLiteral("^\\| 600[0-9]{3} `\\w+` \\| ([^|]*) \\|"),
+                                 QRegularExpression::MultilineOption);
+    const QRegularExpression quoted(QStringLiteral("\"([^\"]+)\""));
+    const QString text = ReadFile(QStringLiteral("docs/errors.md"));
+    int texts = 0;
+    for (auto match = row.globalMatch(text); match.hasNext();) {
+        const QString column = match.next().captured(1);
+        for (auto inner = quoted.globalMatch(column); inner.hasNext(); ++texts) {
+            const QString expected = inner.next().captured(0);
+            QVERIFY2(sources.contains(expected), qPrintable(expected));
+        }
+    }
+    QVERIFY(texts > 20);
+}
+
+QTEST_GUILESS_MAIN(TestDocs)
+#include "tst_docs.moc"
