@@ -1,5 +1,10 @@
 // Compares the documents with the sources that they quote, list and link to.
 
+#include "manifest.h"
+#include "treebuilder.h"
+
+#include <kxupdater/package.h>
+
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -82,6 +87,7 @@ private Q_SLOTS:
     void LinksLeadToFiles();
     void ErrorTableListsExactlyTheCodesOfTheHeaders();
     void TextsOfTheUpdatersErrorsStandInItsSources();
+    void WorkedExampleDescribesItsTree();
 };
 
 void TestDocs::QuotedCodeIsThatOfItsSource_data()
@@ -180,6 +186,30 @@ void TestDocs::TextsOfTheUpdatersErrorsStandInItsSources()
         }
     }
     QVERIFY(texts > 20);
+}
+
+void TestDocs::WorkedExampleDescribesItsTree()
+{
+    const QRegularExpression block(QStringLiteral("```xml\n(.*?)```"),
+                                   QRegularExpression::DotMatchesEverythingOption);
+    const QString xml = block.match(ReadFile(QStringLiteral("docs/manifest.md"))).captured(1);
+    updater::Package package(nullptr, nullptr);
+    package.SetName(QStringLiteral("demo-app"));
+    package.SetPackageXML(xml);
+    QCOMPARE(package.ExecutableName(), QStringLiteral("bin/demo-app"));
+
+    kxtest::TreeBuilder tree;
+    tree.File(QStringLiteral("bin/demo-app"), "demo-app 2.4.1", 0755)
+        .File(QStringLiteral("lib/libcore.so.2"), "libcore 2.4")
+        .Symlink(QStringLiteral("lib/libcore.so"), QStringLiteral("libcore.so.2"));
+    const updater::FileList described = package.Files();
+    const updater::FileList scanned = kxtest::ScanForManifest(tree.Root());
+    QCOMPARE(described.size(), 3);
+    QCOMPARE(scanned.size(), 3);
+    for (const updater::File& file : described) {
+        QVERIFY2(scanned.contains(file), qPrintable(file.Name()));
+        QCOMPARE(file.MD5(), file.MD5().toLower());
+    }
 }
 
 QTEST_GUILESS_MAIN(TestDocs)
