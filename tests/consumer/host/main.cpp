@@ -3,11 +3,19 @@
 #include <QCoreApplication>
 #include <QNetworkAccessManager>
 
+class Callback : public AppCallbackFunction
+{
+    int Call(const QString&, const QString&) override { return 0; }
+};
+
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     QNetworkAccessManager manager;
-    updater::IUpdater* updater = updater::CreateUpdater(&manager, &app);
+    Callback callback;
+    QObject* object = updater::CreateUpdater(&manager, &app);
+    auto* updater = dynamic_cast<updater::IUpdater*>(object);
+    updater->SetAppCallback(&callback);
     QObject::connect(updater, &updater::IUpdater::waiting, &app, &QCoreApplication::quit);
     return app.exec();
 }
