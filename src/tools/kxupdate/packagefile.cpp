@@ -1,0 +1,54 @@
+#include "packagefile.h"
+
+#include <kxupdater/package.h>
+
+#include <QFile>
+#include <QNetworkAccessManager>
+#include <QSaveFile>
+#include <QXmlStreamReader>
+
+namespace packagefile {
+
+QString Read(const QString& path, QString& xml)
+{
+    QFile file(path);
+    if (!file.exists())
+        return QStringLiteral("The package description '%1' does not exist.").arg(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QStringLiteral("Cannot read the package description '%1': %2.")
+            .arg(path, file.errorString());
+    xml = QString::fromUtf8(file.readAll());
+    return QString();
+}
+
+QString Write(const QString& path, const QString& xml)
+{
+    QSaveFile file(path);
+    const QByteArray bytes = xml.toUtf8();
+    if (file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.commit())
+        return QString();
+    return QStringLiteral("Cannot write the package description '%1': %2.")
+        .arg(path, file.errorString());
+}
+
+QString PackageName(const QString& xml)
+{
+    QXmlStreamReader reader(xml);
+    while (!reader.atEnd()) {
+        if (reader.readNext() == QXmlStreamReader::StartElement &&
+            reader.name() == QLatin1String("package"))
+            return reader.attributes().value(QLatin1String("name")).toString();
+    }
+    return QString();
+}
+
+updater::FileList Files(const QString& name, const QString& xml)
+{
+    QNetworkAccessManager unused;
+    updater::Package package(&unused, nullptr);
+    package.SetName(name);
+    package.SetPackageXML(xml);
+    return package.Files();
+}
+
+} // namespace packagefile

@@ -1,0 +1,46 @@
+#include "paths.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+QString ResolvedPath(const QString& path)
+{
+    QString existing = QDir::cleanPath(path);
+    QString rest;
+    for (;;) {
+        const QString canonical = QFileInfo(existing).canonicalFilePath();
+        if (!canonical.isEmpty())
+            return rest.isEmpty() ? canonical : QDir::cleanPath(canonical + u'/' + rest);
+        const qsizetype cut = existing.lastIndexOf(u'/');
+        if (cut < 0)
+            return QDir::cleanPath(path);
+        const QString name = existing.mid(cut + 1);
+        rest = rest.isEmpty() ? name : name + u'/' + rest;
+        existing.truncate(cut);
+        if (existing.isEmpty())
+            existing = QStringLiteral("/");
+    }
+}
+
+bool IsInside(const QString& inner, const QString& outer)
+{
+    if (inner == outer)
+        return true;
+    return inner.startsWith(outer.endsWith(u'/') ? outer : outer + u'/');
+}
+
+QString WriteProblem(const QString& directory)
+{
+    QTemporaryDir probe(directory + QStringLiteral("/.kxupdate-XXXXXX"));
+    return probe.isValid() ? QString() : probe.errorString();
+}
+
+QString Sample(const QStringList& names)
+{
+    constexpr qsizetype shown = 5;
+    QString text = names.mid(0, shown).join(QStringLiteral(", "));
+    if (names.size() > shown)
+        text += QStringLiteral(" and %1 more").arg(names.size() - shown);
+    return text;
+}

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+/** `path` with every link of its existing part resolved. */
+QString ResolvedPath(const QString& path);
+
+/** True when `inner` is `outer` or lies inside it; both resolved. */
+bool IsInside(const QString& inner, const QString& outer);
+
+/**
+ * Makes and removes a directory in `directory`: the only test of rights that also holds for
+ * read-only volumes and for root. Empty when it works, else the reason.
+ */
+QString WriteProblem(const QString& directory);
+
+/** Up to five of `names`, and how many more there are; for a message. */
+QString Sample(const QStringList& names);

@@ -1,0 +1,133 @@
+#pragma once
+
+#include "applicationdirectory.h"
+#include "downloaddirectory.h"
+#include "exitstatus.h"
+#include "options.h"
+
+#include <kxupdater/filescanner.h>
+#include <kxupdater/iupdater.h>
+
+#include <QList>
+#include <QLockFile>
+#include <QNetworkAccessManager>
+#include <QObject>
+
+#include <memory>
+
+class Console;
+
+/**
+ * Runs one command: a row of steps, each of which ends by starting the next one or by finishing.
+ *
+ *     Session session(options, console);
+ *     connect(&session, SIGNAL(done(int)), SLOT(OnDone(int)));
+ *     session.Start();
+ *
+ * done() comes once, and is the last thing that happens. Needs an event loop; owner thread only.
+ */
+class Session : public QObject
+{
+    Q_OBJECT
+public:
+    /** The console is not owned. */
+    Session(const Options& options, Console& console, QObject* parent = nullptr);
+    ~Session() override;
+
+    void Start();
+
+public Q_SLOTS:
+    /** Gives up, or once the application is being replaced, goes on to the end of the swap. */
+    void Interrupt();
+
+Q_SIGNALS:
+    /** The command has ended with an ExitStatus. */
+    void done(int status);
+
+private Q_SLOTS:
+    void RunStep();
+
+    void OnWaiting();
+    void OnActual();
+    void OnUpdateAvailable();
+    void OnUpdateRequered();
+    void OnAvailable();
+    void OnFinished();
+    void OnFailed();
+    void OnCanceled();
+    void OnCheckError();
+    void OnError(int code, const QString& text);
+    void OnStateChanged(const QString& name);
+    void OnProgress(int percent);
+    void OnVerified(bool result);
+    void OnScanned();
+    void OnScanFailed(int code, const QString& text);
+
+private:
+    Q_DISABLE_COPY(Session)
+
+    using Step = void (Session::*)();
+
+    /** What the running step waits for; signals that it does not wait for are ignored. */
+    enum class Awaited { Nothing, Waiting, Check, Download, Verification, Scan, Install };
+
+    struct ReportedError
+    {
+        int code;
+        QString text;
+        QString state;
+    };
+
+    void ConnectUpdater();
+    void Next();
+    void Finish(ExitStatus status, const QString& word = QString());
+    void Refuse(const QString& reason);
+    void Fail(const QString& reason, ExitStatus status = ExitStatus::Failed);
+
+    // Steps
+    void CheckDirectories();
+    void TakeLocks();
+    void RestoreBackup();
+    void AwaitReady();
+    void CheckServer();
+    void ReportCheck();
+    void PrepareDownload();
+    void Download();
+    void KeepPackage();
+    void Restart();
+    void LoadPackage();
+    void CheckAssembly();
+    void VerifyTree();
+    void Install();
+    void Conclude();
+
+    bool Lock(std::unique_ptr<QLockFile>& lock, const QString& file, const QString& subject,
+              bool mandatory);
+    QString PackagePathViolation() const;
+    void ReportVersions(const QString& verdict);
+    void ReportDifferences();
+    void ConcludeFailedSwap();
+
+    const Options options;
+    Console& console;
+    const ApplicationDirectory application;
+    const DownloadDirectory download;
+
+    QNetworkAccessManager manager;
+    std::unique_ptr<updater::IUpdater> updater;
+    std::unique_ptr<updater::FileScanner> scanner;
+    std::unique_ptr<QLockFile> applicationLock;
+    std::unique_ptr<QLockFile> downloadLock;
+
+    QList<Step> steps;
+    Awaited awaited = Awaited::Nothing;
+    QString stateName;
+    QList<ReportedError> errors;
+    QString tree;                // what VerifyTree() compares with the package
+    updater::FileList manifest;  // files of the package in hand
+    bool repair = false;         // the server has the same version
+    bool hadApplication = false; // when the swap began
+    bool swapBegan = false;
+    bool canceling = false; // the user wants to end
+    bool finished = false;
+};

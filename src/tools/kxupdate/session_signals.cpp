@@ -1,0 +1,243 @@
+#include "session.h"
+
+#include "console.h"
+#include "errorhints.h"
+#include "packagefile.h"
+#include "statenames.h"
+#include "treereport.h"
+
+#include <kxcommon/version.h>
+#include <kxupdater/errors.h>
+
+void Session::Interrupt()
+{
+    if (finished)
+        return;
+    // From here on only the end of the swap leaves a whole application in place.
+    if (swapBegan) {
+        console.Error(QStringLiteral("The application is being replaced: finishing that first."));
+        canceling = true;
+        return;
+    }
+    if (canceling)
+        return;
+    canceling = true;
+    console.Error(QStringLiteral("Canceling."));
+
+    switch (awaited) {
+    case Awaited::Check:
+    case Awaited::Download:
+    case Awaited::Install:
+        updater->Cancel();
+        break;
+    case Awaited::Nothing:
+    case Awaited::Waiting:
+    case Awaited::Verification:
+    case Awaited::Scan:
+        OnCanceled();
+        break;
+    }
+}
+
+void Session::OnWaiting()
+{
+    if (awaited == Awaited::Waiting)
+        Next();
+}
+
+void Session::OnActual()
+{
+    if (awaited != Awaited::Check)
+        return;
+    // The check finds nothing to do as well when the server lists nothing at all.
+    manifest = packagefile::Files(options.package, updater->PackageXML());
+    if (manifest.isEmpty())
+        return Fail(QStringLiteral("The server's manifest lists no files of the package '%1'. Is "
+                                   "--package right?")
+                        .arg(options.package),
+                    ExitStatus::ServerFailed);
+    ReportVersions(QStringLiteral("up-to-date"));
+    if (options.current != updater->ServerVersion())
+        console.Message(QStringLiteral("--current says '%1', but the files are those of '%2'.")
+                            .arg(options.current, updater->ServerVersion()));
+    console.Message(QStringLiteral("Up to date."));
+    Finish(ExitStatus::Done, QStringLiteral("up-to-date"));
+}
+
+void Session::OnUpdateAvailable()
+{
+    repair = false;
+}
+
+void Session::OnUpdateRequered()
+{
+    repair = true;
+}
+
+void Session::OnAvailable()
+{
+    if (awaited != Awaited::Check)
+        return;
+    manifest = packagefile::Files(options.package, updater->PackageXML());
+    const QString version = updater->ServerVersion();
+    ReportVersions(ResultWord(repair ? ExitStatus::RepairNeeded : ExitStatus::UpdateAvailable));
+    if (repair)
+        console.Message(QStringLiteral("Version %1 is installed, but some of its files are "
+                                       "damaged, missing or not its own.")
+                            .arg(version));
+    else if (common::Version(options.current) > common::Version(version))
+        console.Message(QStringLiteral("The server has version %1, which is earlier than the "
+                                       "installed %2.")
+                            .arg(version, options.current));
+    else
+        console.Message(QStringLiteral("Version %1 is available.").arg(version));
+    Next();
+}
+
+void Session::ReportVersions(const QString& verdict)
+{
+    console.Data(QStringLiteral("installed"), options.current);
+    console.Data(QStringLiteral("server"), updater->ServerVersion());
+    console.Data(QStringLiteral("verdict"), verdict);
+}
+
+void Session::OnFinished()
+{
+    if (awaited == Awaited::Download || awaited == Awaited::Install)
+        Next();
+}
+
+void Session::OnCanceled()
+{
+    if (!canceling)
+        return;
+    console.Message(QStringLiteral("Canceled; the application is untouched."));
+    Finish(ExitStatus::Canceled);
+}
+
+void Session::OnCheckError()
+{
+    console.Message(QStringLiteral("    no answer, or not the right one; trying again"));
+}
+
+void Session::OnError(int code, const QString& text)
+{
+    if (finished)
+        return;
+    // The end of the other transfers says nothing beside the error, or the wish, that ended them.
+    if (code == updater::DownloadAborted && (canceling || !errors.isEmpty()))
+        return;
+    errors.append({code, text, stateName});
+    console.Error(QStringLiteral("Error %1: %2").arg(code).arg(text));
+}
+
+void Session::OnStateChanged(const QString& name)
+{
+    stateName = name;
+    if (IsSwapState(name))
+        swapBegan = true;
+    const QString description = StateDescription(name);
+    if (description.isEmpty())
+        return;
+    console.Message(QStringLiteral("  %1 %2").arg(name, -16).arg(description));
+    if (name == QLatin1String("COPYING") || name == QLatin1String("BACKUPREMOVING"))
+        console.EndProgress();
+}
+
+void Session::OnProgress(int percent)
+{
+    console.Progress(percent, StateDescription(stateName));
+}
+
+void Session::OnFailed()
+{
+    console.EndProgress();
+    const ReportedError first = errors.value(0);
+    const QString hint = ErrorHint(first.code, first.text);
+    if (!hint.isEmpty())
+        console.Error(hint);
+
+    switch (awaited) {
+    case Awaited::Check:
+        return Finish(IsServerError(first.code) ? ExitStatus::ServerFailed : ExitStatus::Failed);
+    case Awaited::Download:
+        if (first.code == updater::VerificationFailed) {
+            tree = download.Path();
+            return ReportDifferences();
+        }
+        console.Message(QStringLiteral("The application is untouched."));
+        return Finish(IsServerError(first.code) ? ExitStatus::ServerFailed : ExitStatus::Failed);
+    case Awaited::Install:
+        return ConcludeFailedSwap();
+    default:
+        return Finish(ExitStatus::Failed);
+    }
+}
+
+void Session::ConcludeFailedSwap()
+{
+    if (errors.value(errors.size() - 1).code == updater::UpdateReverted)
+        return Fail(
+            QStringLiteral("The old version is back in '%1', as it was.").arg(application.Path()),
+            ExitStatus::RolledBack);
+
+    const QString state = errors.value(0).state;
+    const bool moved = state == QLatin1String("MOVING");
+    if (!moved)
+        return Fail(
+            QStringLiteral("The application in '%1' is untouched.").arg(application.Path()));
+    if (!hadApplication)
+        return Fail(QStringLiteral("There was no application before; nothing is installed."));
+    if (application.Exists())
+        return Fail(QStringLiteral("'%1' holds an unfinished new version. The old one is whole in "
+                                   "'%2': remove the first and rename the second to it.")
+                        .arg(application.Path(), application.BackupPath()),
+                    ExitStatus::Broken);
+    Fail(QStringLiteral("The application is whole, but in '%1'. Rename it to '%2', or run "
+                        "'kxupdate install' or 'kxupdate update' again, which does that first.")
+             .arg(application.BackupPath(), application.Path()),
+         ExitStatus::Broken);
+}
+
+void Session::OnVerified(bool result)
+{
+    if (awaited != Awaited::Verification)
+        return;
+    if (result)
+        return Next();
+    ReportDifferences();
+}
+
+void Session::ReportDifferences()
+{
+    // The verdict names no files. A second scan does, and costs only those who need it.
+    awaited = Awaited::Scan;
+    scanner = std::make_unique<updater::FileScanner>(tree);
+    connect(scanner.get(), SIGNAL(succesed()), SLOT(OnScanned()));
+    connect(scanner.get(), SIGNAL(failed(int, const QString&)),
+            SLOT(OnScanFailed(int, const QString&)));
+    scanner->Scan();
+}
+
+void Session::OnScanned()
+{
+    constexpr int shown = 20;
+    if (awaited != Awaited::Scan)
+        return;
+    for (const QString& line : TreeDifferences(scanner->Files(), manifest, shown))
+        console.Data(QStringLiteral("difference"), line);
+    QString text = QStringLiteral("'%1' is not what the package describes.").arg(tree);
+    if (options.command != Options::Command::Verify)
+        text += QStringLiteral(" The application is untouched.");
+    if (options.command == Options::Command::Install)
+        text += QStringLiteral(" Run 'kxupdate download' again.");
+    Fail(text, ExitStatus::VerificationFailed);
+}
+
+void Session::OnScanFailed(int code, const QString& text)
+{
+    if (awaited != Awaited::Scan)
+        return;
+    console.Error(QStringLiteral("Error %1: %2").arg(code).arg(text));
+    Fail(ErrorHint(code, text), ExitStatus::VerificationFailed);
+}

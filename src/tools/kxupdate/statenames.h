@@ -1,0 +1,10 @@
+#pragma once
+
+#include <QString>
+
+/** What the updater does in the state `name`, for a message; empty for states that say nothing. */
+QString StateDescription(const QString& name);
+
+/** True for the states in which the application directory is being replaced: from the removal of a
+ *  stale backup on, an interruption would leave the program moved aside. */
+bool IsSwapState(const QString& name);

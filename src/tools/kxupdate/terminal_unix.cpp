@@ -1,0 +1,30 @@
+#include "terminal.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace {
+
+int Descriptor(Stream stream)
+{
+    return stream == Stream::Output ? STDOUT_FILENO : STDERR_FILENO;
+}
+
+} // namespace
+
+bool IsTerminal(Stream stream)
+{
+    const char* type = std::getenv("TERM");
+    return ::isatty(Descriptor(stream)) && !(type && std::strcmp(type, "dumb") == 0);
+}
+
+int TerminalWidth(Stream stream)
+{
+    struct winsize size = {};
+    if (::ioctl(Descriptor(stream), TIOCGWINSZ, &size) != 0 || size.ws_col == 0)
+        return 80;
+    return size.ws_col;
+}

@@ -1,0 +1,486 @@
+#include "kxupdateprocess.h"
+#include "manifest.h"
+#include "treebuilder.h"
+#include "updatesite.h"
+
+#include <kxcommon/ifiledownload.h>
+#include <kxupdater/build.h>
+
+#include <QDir>
+#include <QSignalSpy>
+#include <QTest>
+
+namespace {
+
+const QString v1 = QStringLiteral("1.0");
+const QString v2 = QStringLiteral("2.0");
+
+QStringList Replace(QStringList arguments, const QString& option, const QString& value)
+{
+    arguments[arguments.indexOf(option) + 1] = value;
+    return arguments;
+}
+
+} // namespace
+
+/** What kxupdate does not begin, what it clears and what it leaves alone. */
+class TstKxupdateRefusals : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void UpdateRefusesBeforeAskingTheServer_data();
+    void UpdateRefusesBeforeAskingTheServer();
+    void InstallRefuses_data();
+    void InstallRefuses();
+    void DamagedDownloadIsNotInstalled_data();
+    void DamagedDownloadIsNotInstalled();
+    void ReadOnlyParentIsRefusedBeforeDownloading();
+    void TooLittleSpaceIsRefusedBeforeDownloading();
+    void SecondProcessOnTheSameApplicationIsRefused();
+
+    void ClearingKeepsOnlyWhatThePackageLists();
+    void ClearingNeverFollowsLinks();
+    void EmptyDirectoryIsTakenOver();
+    void MarkerDoesNotVouchForAnotherDirectory();
+    void MissingParentsOfTheDownloadDirectoryAreMade();
+
+    void BackupOfACutOffSwapIsRenamedBack_data();
+    void BackupOfACutOffSwapIsRenamedBack();
+    void CheckAndDownloadLeaveTheBackupAlone_data();
+    void CheckAndDownloadLeaveTheBackupAlone();
+};
+
+void TstKxupdateRefusals::UpdateRefusesBeforeAskingTheServer_data()
+{
+    QTest::addColumn<QString>("option");
+    QTest::addColumn<QString>("value"); // relative to the site
+    QTest::addColumn<QString>("message");
+
+    QTest::newRow("download directory is a link") << "--download"
+                                                  << "link"
+                                                  << "symbolic link";
+    QTest::newRow("download directory is a link to nothing") << "--download"
+                                                             << "dangling"
+                                                             << "symbolic link";
+    QTest::newRow("download directory is a file") << "--download"
+                                                  << "file"
+                                                  << "not a directory";
+    QTest::newRow("download directory is the application") << "--download"
+                                                           << "app"
+                                                           << "inside";
+    QTest::newRow("download directory in the application") << "--download"
+                                                           << "app/next"
+                                                           << "inside";
+    QTest::newRow("download directory in the application, through a link") << "--download"
+                                                                           << "applink/next"
+                                                                           << "inside";
+    QTest::newRow("download directory around the application") << "--download"
+                                                               << "."
+                                                               << "inside";
+    QTest::newRow("download directory is the backup") << "--download"
+                                                      << "app.old"
+                                                      << "inside";
+    QTest::newRow("download directory in the backup") << "--download"
+                                                      << "app.old/a"
+                                                      << "inside";
+    QTest::newRow("download directory is the root") << "--download"
+                                                    << "/"
+                                                    << "root";
+    QTest::newRow("download directory is home") << "--download"
+                                                << "home/user"
+                                                << "home";
+    QTest::newRow("download directory around home") << "--download"
+                                                    << "home"
+                                                    << "home";
+    QTest::newRow("download directory of somebody else") << "--download"
+                                                         << "other"
+                                                         << "not made by kxupdate";
+    QTest::newRow("download directory with only a hidden file") << "--download"
+                                                                << "hidden"
+                                                                << "not made by kxupdate";
+    QTest::newRow("application is a link") << "--app"
+                                           << "applink"
+                                           << "symbolic link";
+    QTest::newRow("application is a link to nothing") << "--app"
+                                                      << "dangling"
+                                                      << "symbolic link";
+    QTest::newRow("application is a file") << "--app"
+                                           << "file"
+                                           << "not a directory";
+    QTest::newRow("application is the root") << "--app"
+                                             << "/"
+                                             << "root";
+    QTest::newRow("application is home") << "--app"
+                                         << "home/user"
+                                         << "home";
+    QTest::newRow("application in a missing directory") << "--app"
+                                                        << "no/app"
+                                                        << "not exist";
+    QTest::newRow("description in the download directory") << "--xml"
+                                                           << "next/a.xml"
+                                                           << "cleared or replaced";
+    QTest::newRow("description in the application") << "--xml"
+                                                    << "app/a"
+                                                    << "cleared or replaced";
+}
+
+void TstKxupdateRefusals::UpdateRefusesBeforeAskingTheServer()
+{
+    QFETCH(QString, option);
+    QFETCH(QString, value);
+    QFETCH(QString, message);
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    kxtest::TreeBuilder(site.Path(QStringLiteral(".")))
+        .Symlink(QStringLiteral("link"), QStringLiteral("other"))
+        .Symlink(QStringLiteral("applink"), QStringLiteral("app"))
+        .Symlink(QStringLiteral("dangling"), QStringLiteral("nowhere"))
+        .File(QStringLiteral("file"), "text")
+        .File(QStringLiteral("other/precious"), "text")
+        .File(QStringLiteral("hidden/.precious"), "text")
+        .Dir(QStringLiteral("home/user"));
+    const QStringList before = kxtest::Snapshot(site.Path(QStringLiteral(".")));
+
+    QStringList arguments =
+        site.Command(QStringLiteral("update"), v1, {QStringLiteral("--xml"), site.Xml()});
+    arguments = Replace(arguments, option, value == QLatin1String("/") ? value : site.Path(value));
+    KxupdateProcess process;
+    process.SetHome(site.Path(QStringLiteral("home/user")));
+    QVERIFY2(process.Run(arguments), process.Report());
+    QVERIFY2(process.Status() == 3, process.Report());
+    QCOMPARE(process.Output(), QStringLiteral("result: refused\n"));
+    QCOMPARE(process.Errors().count(u'\n'), 1);
+    QVERIFY2(process.Errors().contains(message), process.Report());
+    QCOMPARE(site.Server().RequestCount(), 0);
+    QCOMPARE(kxtest::Snapshot(site.Path(QStringLiteral("."))), before);
+}
+
+void TstKxupdateRefusals::InstallRefuses_data()
+{
+    QTest::addColumn<QString>("change");
+    QTest::addColumn<QString>("message");
+    QTest::newRow("no description") << "remove next.xml"
+                                    << "does not exist";
+    QTest::newRow("description of nothing") << "write next.xml"
+                                            << "describes no files";
+    QTest::newRow("download directory missing") << "remove next"
+                                                << "missing or empty";
+    QTest::newRow("download directory empty") << "empty next"
+                                              << "missing or empty";
+    QTest::newRow("hidden file") << "write next/.hidden"
+                                 << "hidden entries";
+    QTest::newRow("hidden file below") << "write next/lib/.hidden"
+                                       << "lib/.hidden";
+    QTest::newRow("hidden directory") << "write next/.git/config"
+                                      << "hidden entries";
+}
+
+void TstKxupdateRefusals::InstallRefuses()
+{
+    QFETCH(QString, change);
+    QFETCH(QString, message);
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    KxupdateProcess download;
+    QVERIFY2(download.Run(site.Command(QStringLiteral("download"))), download.Report());
+    QVERIFY2(download.Status() == 0, download.Report());
+
+    const QString name = change.section(u' ', 1);
+    kxtest::TreeBuilder tree(site.Path(QStringLiteral(".")));
+    if (change.startsWith(QLatin1String("write"))) {
+        tree.File(name, "text");
+    } else {
+        kxtest::Remove(site.Path(name));
+        if (change.startsWith(QLatin1String("empty")))
+            tree.Dir(name);
+    }
+    KxupdateProcess process;
+    QVERIFY2(process.Run(site.Command(QStringLiteral("install"))), process.Report());
+    QVERIFY2(process.Status() == 3, process.Report());
+    QVERIFY2(process.Errors().contains(message), process.Report());
+    QCOMPARE(site.Installed(), site.Published(v1));
+}
+
+void TstKxupdateRefusals::DamagedDownloadIsNotInstalled_data()
+{
+    QTest::addColumn<QString>("change");
+    QTest::addColumn<QString>("difference");
+    QTest::newRow("file missing") << "remove share/new.txt"
+                                  << "missing share/new.txt";
+    QTest::newRow("file changed") << "write share/new.txt"
+                                  << "changed share/new.txt";
+    QTest::newRow("file added") << "write share/stray"
+                                << "unexpected share/stray";
+}
+
+void TstKxupdateRefusals::DamagedDownloadIsNotInstalled()
+{
+    QFETCH(QString, change);
+    QFETCH(QString, difference);
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    KxupdateProcess download;
+    QVERIFY2(download.Run(site.Command(QStringLiteral("download"))), download.Report());
+    const QString name = change.section(u' ', 1);
+    if (change.startsWith(QLatin1String("write")))
+        kxtest::TreeBuilder(site.Next()).File(name, "text");
+    else
+        kxtest::Remove(site.Next() + u'/' + name);
+
+    KxupdateProcess process;
+    QVERIFY2(process.Run(site.Command(QStringLiteral("install"))), process.Report());
+    QVERIFY2(process.Status() == 5, process.Report());
+    QCOMPARE(process.Data(QStringLiteral("difference")), difference);
+    QCOMPARE(site.Installed(), site.Published(v1));
+    QVERIFY(!kxtest::Exists(site.Backup()));
+}
+
+void TstKxupdateRefusals::ReadOnlyParentIsRefusedBeforeDownloading()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    kxtest::TreeBuilder(site.Path(QStringLiteral("opt")));
+    UpdateSite::CopyTree(site.Tree(v1), site.Path(QStringLiteral("opt/app")));
+    kxtest::SetMode(site.Path(QStringLiteral("opt")), 0555);
+
+    KxupdateProcess process;
+    process.DropPowers();
+    const bool ended =
+        process.Run(Replace(site.Command(QStringLiteral("update")), QStringLiteral("--app"),
+                            site.Path(QStringLiteral("opt/app"))));
+    kxtest::SetMode(site.Path(QStringLiteral("opt")), 0755);
+    QVERIFY2(ended, process.Report());
+    QVERIFY2(process.Status() == 3, process.Report());
+    QVERIFY2(process.Errors().contains(QStringLiteral("cannot be written")), process.Report());
+    QCOMPARE(site.Server().RequestCount(), 0);
+    QCOMPARE(kxtest::Snapshot(site.Path(QStringLiteral("opt/app"))), site.Published(v1));
+}
+
+void TstKxupdateRefusals::TooLittleSpaceIsRefusedBeforeDownloading()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    // Two files whose sizes add up to more than 64 bits hold.
+    const QString path = site.Path(QStringLiteral("server")) + site.ManifestPath(v2);
+    QByteArray manifest = kxtest::Read(path);
+    manifest.replace("<file name=\"bin/hello\"",
+                     "<file name=\"huge1\" size=\"18446744073709551000\"/>"
+                     "<file name=\"huge2\" size=\"18446744073709551000\"/>"
+                     "<file name=\"bin/hello\"");
+    QVERIFY(manifest.contains("huge1"));
+    kxtest::Write(path, manifest);
+
+    KxupdateProcess process;
+    QVERIFY2(process.Run(site.Command(QStringLiteral("update"))), process.Report());
+    QVERIFY2(process.Status() == 3, process.Report());
+    QVERIFY2(process.Errors().contains(QStringLiteral("Not enough space on")), process.Report());
+    QVERIFY(!kxtest::Exists(site.Next()));
+    QCOMPARE(site.Installed(), site.Published(v1));
+}
+
+void TstKxupdateRefusals::SecondProcessOnTheSameApplicationIsRefused()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    site.Server().Enqueue(site.FilePath(v2, QStringLiteral("lib/filter.bin")),
+                          kxtest::Reply::StallAfter(1000));
+    QSignalSpy stalled(&site.Server(), SIGNAL(stalled(QString)));
+    KxupdateProcess first;
+    first.Start(site.Command(QStringLiteral("update")));
+    QTRY_VERIFY_WITH_TIMEOUT(stalled.count() == 1, 60000);
+
+    // One with a download directory of its own, one with the same one.
+    KxupdateProcess second;
+    QVERIFY2(
+        second.Run(Replace(site.Command(QStringLiteral("update")), QStringLiteral("--download"),
+                           site.Path(QStringLiteral("elsewhere")))),
+        second.Report());
+    QVERIFY2(second.Status() == 3, second.Report());
+    QVERIFY2(second.Errors().contains(QStringLiteral("Another kxupdate")), second.Report());
+    KxupdateProcess third;
+    QVERIFY2(third.Run(Replace(site.Command(QStringLiteral("download")), QStringLiteral("--app"),
+                               site.Path(QStringLiteral("another")))),
+             third.Report());
+    QVERIFY2(third.Status() == 3, third.Report());
+    QVERIFY2(third.Errors().contains(QStringLiteral("Another kxupdate")), third.Report());
+
+    site.Server().ReleaseStalled();
+    QVERIFY2(first.Wait(), first.Report());
+    QVERIFY2(first.Status() == 0, first.Report());
+    QCOMPARE(site.Installed(), site.Published(v2));
+}
+
+void TstKxupdateRefusals::ClearingKeepsOnlyWhatThePackageLists()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    KxupdateProcess first;
+    QVERIFY2(first.Run(site.Command(QStringLiteral("download"))), first.Report());
+    QVERIFY2(first.Status() == 0, first.Report());
+
+    const auto partial = [&site](const QString& name) {
+        return common::http::PartialFilePath(site.Next() + u'/' + name).mid(site.Next().size() + 1);
+    };
+    // Half of a listed file, which is gone on with, and everything that does not belong there.
+    const QByteArray whole = kxtest::Read(site.Tree(v2) + QStringLiteral("/lib/filter.bin"));
+    kxtest::TreeBuilder(site.Next())
+        .Remove(QStringLiteral("lib/filter.bin"))
+        .File(partial(QStringLiteral("lib/filter.bin")), whole.left(50000))
+        .File(partial(QStringLiteral("lib/unlisted.bin")), "half")
+        .File(QStringLiteral("stale.txt"), "a")
+        .File(QStringLiteral(".hidden"), "a")
+        .File(QStringLiteral("old/deep/tree/file"), "a")
+        .Dir(QStringLiteral("empty/directory"))
+        .Symlink(QStringLiteral("stale-link"), QStringLiteral("bin/hello"))
+        .Symlink(QStringLiteral("dangling"), QStringLiteral("nowhere"))
+        .Remove(QStringLiteral("bin/hello"))
+        .Symlink(QStringLiteral("bin/hello"), QStringLiteral("../share/new.txt"))
+        .Remove(QStringLiteral("share/new.txt"))
+        .File(QStringLiteral("share/new.txt/file"), "a directory where a file belongs");
+    site.Server().ClearRequests();
+
+    KxupdateProcess process;
+    QVERIFY2(process.Run(site.Command(QStringLiteral("download"))), process.Report());
+    QVERIFY2(process.Status() == 0, process.Report());
+    QVERIFY2(process.Errors().contains(QStringLiteral("stale entries")), process.Report());
+    QCOMPARE(kxtest::Snapshot(site.Next()), site.Published(v2));
+    const auto requests = site.Server().Requests(site.FilePath(v2, "lib/filter.bin"));
+    QCOMPARE(requests.size(), 1);
+    QCOMPARE(requests.first().Header("Range"), QByteArray("bytes=50000-"));
+}
+
+void TstKxupdateRefusals::ClearingNeverFollowsLinks()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    KxupdateProcess first;
+    QVERIFY2(first.Run(site.Command(QStringLiteral("download"))), first.Report());
+    kxtest::TreeBuilder precious(site.Path(QStringLiteral("precious")));
+    precious.File(QStringLiteral("a"), "a").File(QStringLiteral("deep/b"), "b");
+    kxtest::TreeBuilder(site.Next())
+        .Symlink(QStringLiteral("out"), QStringLiteral("../precious"))
+        .Remove(QStringLiteral("share"))
+        .Symlink(QStringLiteral("share"), QStringLiteral("../precious"))
+        .Symlink(QStringLiteral("old/link"), QStringLiteral("../../precious/deep"));
+    const QStringList before = kxtest::Snapshot(precious.Root());
+
+    KxupdateProcess process;
+    QVERIFY2(process.Run(site.Command(QStringLiteral("download"))), process.Report());
+    QVERIFY2(process.Status() == 0, process.Report());
+    QCOMPARE(kxtest::Snapshot(precious.Root()), before);
+    QCOMPARE(kxtest::Snapshot(site.Next()), site.Published(v2));
+}
+
+void TstKxupdateRefusals::EmptyDirectoryIsTakenOver()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    kxtest::TreeBuilder(site.Next());
+    KxupdateProcess first;
+    QVERIFY2(first.Run(site.Command(QStringLiteral("download"))), first.Report());
+    QVERIFY2(first.Status() == 0, first.Report());
+    QVERIFY(kxtest::Exists(site.Marker()));
+    KxupdateProcess second;
+    QVERIFY2(second.Run(site.Command(QStringLiteral("download"))), second.Report());
+    QVERIFY2(second.Status() == 0, second.Report());
+}
+
+void TstKxupdateRefusals::MarkerDoesNotVouchForAnotherDirectory()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    KxupdateProcess first;
+    QVERIFY2(first.Run(site.Command(QStringLiteral("download"))), first.Report());
+    QVERIFY2(first.Status() == 0, first.Report());
+
+    // The user takes the directory away and later uses the name for something else.
+    kxtest::Remove(site.Next());
+    kxtest::TreeBuilder(site.Next()).File(QStringLiteral("precious"), "mine");
+    KxupdateProcess process;
+    QVERIFY2(process.Run(site.Command(QStringLiteral("download"))), process.Report());
+    QVERIFY2(process.Status() == 3, process.Report());
+    QCOMPARE(kxtest::Read(site.Next() + QStringLiteral("/precious")), QByteArray("mine"));
+
+    // Once the directory is gone, the marker stands in nobody's way.
+    kxtest::Remove(site.Next());
+    KxupdateProcess again;
+    QVERIFY2(again.Run(site.Command(QStringLiteral("download"))), again.Report());
+    QVERIFY2(again.Status() == 0, again.Report());
+}
+
+void TstKxupdateRefusals::MissingParentsOfTheDownloadDirectoryAreMade()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    KxupdateProcess process;
+    QVERIFY2(
+        process.Run(Replace(site.Command(QStringLiteral("update")), QStringLiteral("--download"),
+                            site.Path(QStringLiteral("cache/hello/next")))),
+        process.Report());
+    QVERIFY2(process.Status() == 0, process.Report());
+    QCOMPARE(site.Installed(), site.Published(v2));
+}
+
+void TstKxupdateRefusals::BackupOfACutOffSwapIsRenamedBack_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::newRow("update") << "update";
+    QTest::newRow("install") << "install";
+}
+
+void TstKxupdateRefusals::BackupOfACutOffSwapIsRenamedBack()
+{
+    QFETCH(QString, command);
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    KxupdateProcess download;
+    QVERIFY2(download.Run(site.Command(QStringLiteral("download"))), download.Report());
+    QVERIFY(QDir().rename(site.App(), site.Backup()));
+    site.Server().ClearRequests();
+
+    KxupdateProcess process;
+    QVERIFY2(process.Run(site.Command(command)), process.Report());
+    QVERIFY2(process.Status() == 0, process.Report());
+    QVERIFY2(process.Errors().contains(QStringLiteral("was renamed back")), process.Report());
+    QCOMPARE(site.Installed(), site.Published(v2));
+    QVERIFY(!kxtest::Exists(site.Backup()));
+    // Nothing was fetched that the renamed version or the download directory holds.
+    QCOMPARE(site.Server().RequestCount(site.FilePath(v2, QStringLiteral("lib/engine.bin"))), 0);
+}
+
+void TstKxupdateRefusals::CheckAndDownloadLeaveTheBackupAlone_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<int>("status");
+    QTest::newRow("check") << "check" << 10;
+    QTest::newRow("download") << "download" << 0;
+}
+
+void TstKxupdateRefusals::CheckAndDownloadLeaveTheBackupAlone()
+{
+    QFETCH(QString, command);
+    QFETCH(int, status);
+    UpdateSite site;
+    site.Publish(v2);
+    UpdateSite::CopyTree(site.Tree(v1), site.Backup());
+    KxupdateProcess process;
+    QVERIFY2(process.Run(site.Command(command)), process.Report());
+    QVERIFY2(process.Status() == status, process.Report());
+    QCOMPARE(kxtest::Snapshot(site.Backup()), site.Published(v1));
+    QVERIFY(!kxtest::Exists(site.App()));
+}
+
+QTEST_GUILESS_MAIN(TstKxupdateRefusals)
+#include "tst_kxupdate_refusals.moc"
