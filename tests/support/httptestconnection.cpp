@@ -49,6 +49,8 @@ HttpTestConnection::HttpTestConnection(QTcpSocket* socket, HttpTestServer* serve
     : QObject(server), socket(socket), server(server)
 {
     socket->setParent(this);
+    // As servers do: otherwise pieces wait for the client's delayed acknowledgement.
+    socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     connect(socket, &QTcpSocket::readyRead, this, &HttpTestConnection::OnReadyRead);
     connect(socket, &QTcpSocket::disconnected, this, &HttpTestConnection::OnDisconnected);
     connect(socket, &QTcpSocket::bytesWritten, this, [this] {
@@ -283,8 +285,14 @@ void HttpTestConnection::WritePiece()
             piece[i] = char(~piece.at(i));
     }
     sent += count;
-    if (reply.framing == Reply::Framing::Chunked)
-        piece = QByteArray::number(count, 16) + "\r\n" + piece + "\r\n";
+    server->bytesSent += count;
+    if (reply.framing == Reply::Framing::Chunked) {
+        // A cut falls inside a chunk: that is where most cuts fall.
+        const bool last = AtFault() && reply.fault != Reply::Fault::Stall;
+        piece.prepend(QByteArray::number(last ? count + 1 : count, 16) + "\r\n");
+        if (!last)
+            piece.append("\r\n");
+    }
     socket->write(piece);
 }
 

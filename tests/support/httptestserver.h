@@ -152,6 +152,9 @@ public:
     /** Connections that were accepted. */
     int ConnectionCount() const { return connectionCount; }
 
+    /** Bytes of bodies that were handed to connections: not all of them need have been read. */
+    qint64 BytesSent() const { return bytesSent; }
+
     /** Replies that are held or stalled now. */
     int StalledCount() const;
     /** Lets every held or stalled reply go on, and end as it should. */
@@ -197,6 +200,7 @@ private:
     int concurrent = 0;
     int maxConcurrent = 0;
     int connectionCount = 0;
+    qint64 bytesSent = 0;
 };
 
 /** A TLS configured server with a self-signed certificate for 127.0.0.1; null without a backend. */
