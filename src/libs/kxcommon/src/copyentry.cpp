@@ -25,6 +25,18 @@ bool IsFull(const fileops::Error& error)
     return error == std::errc::no_space_on_device;
 }
 
+// How much room is left, as far as it can be told.
+QString FreeBytes(fileops::Path path)
+{
+    std::error_code ignored;
+    while (path.has_relative_path() && !std::filesystem::exists(path, ignored))
+        path = path.parent_path();
+    const QStorageInfo volume(FromNative(path));
+    if (!volume.isValid())
+        return {};
+    return QStringLiteral(" (%1 bytes free)").arg(volume.bytesAvailable());
+}
+
 // The hidden name under which a replacement is made. What the source's directory has under that
 // name goes to the same place, and must not be taken for a leftover.
 fileops::Name PartName(const CopyEnd& source, const CopyEnd& destination, Placing placing)
@@ -123,9 +135,7 @@ Failure CopyFailed(int code, const fileops::Path& source, const fileops::Path& d
     QString reason = QStringLiteral("%1: %2").arg(step, Reason(error));
     if (IsFull(error)) {
         code = CopyNoSpace;
-        const QStorageInfo volume(FromNative(destination.parent_path()));
-        if (volume.isValid())
-            reason += QStringLiteral(" (%1 bytes free)").arg(volume.bytesAvailable());
+        reason += FreeBytes(destination);
     }
     return CopyFailed(code, source, destination, reason);
 }

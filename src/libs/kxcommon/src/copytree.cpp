@@ -137,7 +137,11 @@ Failure TreeCopy::OpenSource()
     if (!IsMissing(error))
         return Failed(CopyRead, QStringLiteral("opening the source"), error);
     std::error_code ignored;
-    const std::filesystem::file_status status = std::filesystem::status(source, ignored);
+    // Without a separator at its end, behind which a file is no entry at all.
+    fileops::Path bare = source;
+    while (bare.has_relative_path() && !bare.has_filename())
+        bare = bare.parent_path();
+    const std::filesystem::file_status status = std::filesystem::status(bare, ignored);
     if (!std::filesystem::exists(status))
         return Failed(CopySourceMissing, QStringLiteral("the source does not exist"));
     if (std::filesystem::is_other(status))

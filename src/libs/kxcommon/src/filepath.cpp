@@ -84,8 +84,8 @@ fileops::Name HiddenName(const fileops::Name& name, const char* suffix)
         return dot + name + tail;
     const QByteArray bytes(reinterpret_cast<const char*>(name.data()),
                            static_cast<qsizetype>(name.size() * sizeof(name[0])));
-    const QByteArray hash = QCryptographicHash::hash(bytes, QCryptographicHash::Sha1).toHex();
-    const fileops::Name mark = dot + fileops::Path(hash.toStdString()).native();
+    const QByteArray hash = QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex();
+    const fileops::Name mark = fileops::Path('-' + hash.toStdString()).native();
     size_t kept = longestName - dot.size() - mark.size() - tail.size();
     // A cut inside a character would not be a name to every file system.
     if constexpr (sizeof(name[0]) == 1) {

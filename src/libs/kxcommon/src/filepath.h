@@ -30,7 +30,10 @@ QString Reason(const fileops::Error& error);
 /** True for a text that the system would cut off at a null character. */
 bool HasNull(const QString& path);
 
-/** The hidden name ".NAME" + `suffix`; a name too long for that is cut and told apart by a hash. */
+/**
+ * The hidden name ".NAME" + `suffix`; a name too long for that is cut and told apart by a hash, in
+ * the way of http::PartialFilePath().
+ */
 fileops::Name HiddenName(const fileops::Name& name, const char* suffix);
 
 } // namespace common
