@@ -6,6 +6,8 @@
 
 #include <QStorageInfo>
 
+#include <cerrno>
+
 namespace common {
 namespace {
 

@@ -227,6 +227,8 @@ Failure TreeCopy::FillBeside(fileops::Kind standing, const fileops::Name& stagin
     if (Failure failure = SyncTree(staging))
         return failure;
 
+    // Some systems rename no directory that is open.
+    directory.Close();
     error = fileops::At(fileops::Step::Place);
     if (!advance(0))
         return Abandoned();

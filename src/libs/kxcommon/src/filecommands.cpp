@@ -20,12 +20,15 @@ bool FileCommands::RenameDirectory(QDir& dir, const QString& from, const QString
     fileops::Attributes before;
     if (directory.OpenAnchor(source.Path()) || directory.Read(&before))
         return false;
+    // Some systems rename no directory that is open.
+    directory.Close();
     if (fileops::RenameEntry(source.Path(), target.Path()))
         return false;
     fileops::Attributes after;
     if (!directory.OpenAnchor(target.Path()) && !directory.Read(&after) &&
         after.IsSameEntry(before))
         return true;
+    directory.Close();
     // A relative link that leads elsewhere, or nowhere, from its new place.
     fileops::RenameEntry(target.Path(), source.Path());
     return false;
