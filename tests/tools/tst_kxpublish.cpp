@@ -170,15 +170,14 @@ void TestKxpublish::ServerTreeHoldsFilesAndManifestOnly()
     const QString index = server + S("/packages/demo-app-v2.4.1/windows/x64/index.xml");
     const QString build = S("packages/demo-app-v2.4.1/windows/x64");
     // Whatever the modes in the tree, the web server has to read the files.
-    QCOMPARE(
-        Snapshot(server),
-        QStringList({S("packages dir 0755"), S("packages/demo-app-v2.4.1 dir 0755"),
-                     S("packages/demo-app-v2.4.1/windows dir 0755"), build + S(" dir 0755"),
-                     build + S("/files dir 0755"), build + S("/files/app file 0644 7 ") + program,
-                     build + S("/files/lib dir 0755"),
-                     build + S("/files/lib/core file 0644 4 ") + core,
-                     build + S("/index.xml file 0644 %1 ").arg(QFileInfo(index).size()) +
-                         kxtest::MD5OfFile(index)}));
+    QCOMPARE(Snapshot(server),
+             QStringList(
+                 {S("packages dir 755"), S("packages/demo-app-v2.4.1 dir 755"),
+                  S("packages/demo-app-v2.4.1/windows dir 755"), build + S(" dir 755"),
+                  build + S("/files dir 755"), build + S("/files/app file 644 7 ") + program,
+                  build + S("/files/lib dir 755"), build + S("/files/lib/core file 644 4 ") + core,
+                  build + S("/index.xml file 644 %1 ").arg(QFileInfo(index).size()) +
+                      kxtest::MD5OfFile(index)}));
 }
 
 void TestKxpublish::ResultIsPrinted()
@@ -431,7 +430,7 @@ void TestKxpublish::PromoteWritesTheReply()
     QDomDocument document;
     QVERIFY(document.setContent(QString::fromUtf8(reply)));
     QCOMPARE(document.documentElement().text(), S("2.4.1"));
-    expected << S("packages/version.xml file 0644 %1 ").arg(reply.size()) + kxtest::MD5Of(reply);
+    expected << S("packages/version.xml file 644 %1 ").arg(reply.size()) + kxtest::MD5Of(reply);
     QCOMPARE(Snapshot(server), expected);
     QCOMPARE(RunPublish(PromoteArguments(S("2.4.1"), server)).status, 0);
     QCOMPARE(Snapshot(server), expected);

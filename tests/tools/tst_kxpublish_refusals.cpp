@@ -109,6 +109,7 @@ void TestKxpublishRefusals::RunRow()
     tree.File(S("app"), "program", 0755);
     build(tree);
     Check(tree, AddArguments(tree.Root(), workshop->Path(S("srv"))), expected);
+    kxtest::Remove(tree.Root()); // QTemporaryDir cannot remove names that are not UTF-8
 }
 
 void TestKxpublishRefusals::RefusesNames_data()

@@ -155,7 +155,7 @@ void TestKxpublishWrites::KillWhileCopyingShowsNothingAndNextRunFinishes()
     QVERIFY(kxtest::Exists(server + S("/packages/.kxpublish/build/files/big")));
     QVERIFY(!kxtest::Exists(server + S("/packages/.kxpublish/build/files/small")));
     QVERIFY(!kxtest::Exists(server + S("/packages/.kxpublish/build/index.xml")));
-    QCOMPARE(Visible(), QStringList({S("packages dir 0755")}));
+    QCOMPARE(Visible(), QStringList({S("packages dir 755")}));
     ExpectSameAsUndisturbed();
 }
 
@@ -168,7 +168,7 @@ void TestKxpublishWrites::KillWhileWritingTheManifestShowsNothingAndNextRunFinis
     // Files come first, the manifest afterwards.
     QCOMPARE(Snapshot(server + S("/packages/.kxpublish/build/files/data")).size(), 600);
     QVERIFY(kxtest::Exists(server + S("/packages/.kxpublish/build/index.xml")));
-    QCOMPARE(Visible(), QStringList({S("packages dir 0755")}));
+    QCOMPARE(Visible(), QStringList({S("packages dir 755")}));
     ExpectSameAsUndisturbed();
 }
 

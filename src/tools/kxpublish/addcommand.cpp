@@ -1,9 +1,9 @@
 #include "addcommand.h"
 
 #include "console.h"
+#include "disk.h"
 #include "interrupt.h"
 #include "names.h"
-#include "paths.h"
 #include "treecopy.h"
 #include "treescan.h"
 

@@ -1,10 +1,10 @@
 #include "promotecommand.h"
 
 #include "console.h"
+#include "disk.h"
 #include "interrupt.h"
 #include "manifest.h"
 #include "names.h"
-#include "paths.h"
 
 #include <kxcommon/version.h>
 

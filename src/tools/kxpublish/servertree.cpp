@@ -1,9 +1,9 @@
 #include "servertree.h"
 
 #include "console.h"
+#include "disk.h"
 #include "manifest.h"
 #include "names.h"
-#include "paths.h"
 
 #include <kxupdater/build.h>
 
@@ -240,18 +240,6 @@ bool ServerTree::RemoveWork(QString& error)
         error =
             QStringLiteral("cannot remove %1, left by an interrupted run").arg(Shown(WorkPath()));
     return removed;
-}
-
-bool WriteNewFile(const QString& path, const QByteArray& text, QString& error)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::NewOnly | QIODevice::Unbuffered) ||
-        file.write(text) != text.size()) {
-        error = QStringLiteral("cannot write %1: %2").arg(Shown(path), file.errorString());
-        return false;
-    }
-    file.close();
-    return Sync(path, error);
 }
 
 } // namespace publish

@@ -75,7 +75,4 @@ private:
     QStringList made;                // directories made by this run, parents first
 };
 
-/** Writes a new file and brings it to the disk. */
-bool WriteNewFile(const QString& path, const QByteArray& text, QString& error);
-
 } // namespace publish

@@ -8,6 +8,22 @@
 
 namespace publish {
 
+namespace {
+
+// Case folding as file systems do it: a sharp s and "SS" are the same. Qt folds character by
+// character, and knows of more than one for its upper case only.
+QString Folded(const QString& text)
+{
+    QString folded;
+    for (const QChar c : text.toCaseFolded()) {
+        const QString upper = QString(c).toUpper();
+        folded += upper.size() > 1 ? upper.toCaseFolded() : QString(c);
+    }
+    return folded;
+}
+
+} // namespace
+
 QString JoinPath(const QString& directory, const QString& name)
 {
     return directory.isEmpty() ? name : directory + QLatin1Char('/') + name;
@@ -113,7 +129,7 @@ void TreeCheck::CheckSiblings(const QList<TreeEntry>& entries, const QString& di
         if (entry.name.isEmpty())
             continue;
         const QString decomposed = entry.name.normalized(QString::NormalizationForm_D);
-        const QString key = decomposed.toCaseFolded().normalized(QString::NormalizationForm_D);
+        const QString key = Folded(decomposed).normalized(QString::NormalizationForm_D);
         const auto other = seen.constFind(key);
         if (other == seen.constEnd()) {
             seen.insert(key, entry.name);
@@ -154,9 +170,10 @@ void TreeCheck::CheckLink(const TreeEntry& entry, const QString& name)
         return;
     }
     const QString problem = TargetTextProblem(target);
-    if (!problem.isEmpty())
+    if (problem.isEmpty())
+        contents.links.insert(name, target);
+    else
         problems->Refuse(Shown(name), problem);
-    contents.links.insert(name, target);
 }
 
 } // namespace publish

@@ -1,8 +1,8 @@
 #include "treecopy.h"
 
 #include "console.h"
+#include "disk.h"
 #include "interrupt.h"
-#include "paths.h"
 #include "platform.h"
 #include "problems.h"
 
@@ -79,10 +79,8 @@ TreeCopy::Result TreeCopy::CopyFile(const updater::File& file, int mode, QString
             break;
         hash.addData(QByteArrayView(block.constData(), length));
         size += quint64(length);
-        if (to.write(block.constData(), length) != length) {
-            error = QStringLiteral("cannot write %1: %2").arg(Shown(path), to.errorString());
+        if (!WriteAll(to, QByteArrayView(block.constData(), length), error))
             return Failed;
-        }
     }
     if (size != file.Size() || QString::fromLatin1(hash.result().toHex()) != file.MD5()) {
         change = QStringLiteral("it has other contents now");
