@@ -404,11 +404,11 @@ void TestKxpublish::LinksInsideTheTreeArePublishedInSilence()
         .Symlink(S("b"), S("a"))
         .Symlink(S("c"), S("b/deep/x"))
         .Symlink(S("root"), S("."))
-        .Symlink(S("lib/root"), S(".."))
+        .Symlink(S("lib/root"), S("../"))
         .Symlink(S("lib/deep/app"), S("../../app"))
         .Symlink(S("d"), S("lib/root/app"));
     const PublishResult result = RunPublish(arguments);
-    QCOMPARE(result.err.size(), 1);
+    QCOMPARE(result.err.mid(0, result.err.size() - 1), QStringList());
     QCOMPARE(result.status, 0);
     QCOMPARE(result.out.at(2), S("links: 7"));
 }

@@ -60,7 +60,7 @@ Destination Follow(const TreeContents& contents, const QString& link)
 }
 
 // The target as a scan reports it: made absolute without looking at the disk, and relative again.
-QString ShortestTarget(const QString& link, const QString& target)
+QString VerifiedTarget(const QString& link, const QString& target)
 {
     const QString directory = JoinPath(QStringLiteral("/tree"), DirectoryOf(link));
     const QString absolute = QDir::cleanPath(directory + QLatin1Char('/') + target);
@@ -87,12 +87,12 @@ void CheckLinks(const TreeContents& contents, Problems* problems)
                                  .arg(Shown(target)));
             continue;
         }
-        const QString shortest = ShortestTarget(name, target);
-        if (shortest != target) {
+        const QString verified = VerifiedTarget(name, target);
+        if (verified != target) {
             problems->Refuse(Shown(name),
-                             QStringLiteral("the target %1 of the link is not in its shortest "
-                                            "form, %2")
-                                 .arg(Shown(target), Shown(shortest)));
+                             QStringLiteral("the target %1 of the link is not in the form that "
+                                            "clients verify, %2")
+                                 .arg(Shown(target), Shown(verified)));
             continue;
         }
         if (destination == Destination::Missing)

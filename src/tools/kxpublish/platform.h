@@ -35,6 +35,12 @@ bool OpenRegularFile(QFile& file, const QString& path, int& mode, QString& error
 /** Brings the file or the directory `path` to the disk. */
 bool SyncPath(const QString& path, QString& error);
 
+/**
+ * Brings everything on the volume of `path` to the disk, and tells when that failed. False without
+ * an error when the system cannot do it; then SyncPath() has to.
+ */
+bool SyncVolume(const QString& path, QString& error);
+
 /** The longest path that a program can open, in bytes of its native form. */
 int MaxPathLength();
 

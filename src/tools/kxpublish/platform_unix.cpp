@@ -1,6 +1,8 @@
 #include "platform.h"
 
 #include <QStringDecoder>
+#include <QSysInfo>
+#include <QVersionNumber>
 
 #include <cerrno>
 #include <climits>
@@ -128,6 +130,26 @@ bool SyncPath(const QString& path, QString& error)
         error = SystemText(errno);
     ::close(descriptor);
     return synced;
+}
+
+bool SyncVolume(const QString& path, QString& error)
+{
+#ifdef __linux__
+    // Before Linux 5.8 the call kept errors of the medium to itself.
+    if (QVersionNumber::fromString(QSysInfo::kernelVersion()) < QVersionNumber(5, 8))
+        return false;
+    const int descriptor = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    const bool synced = descriptor >= 0 && ::syncfs(descriptor) == 0;
+    if (!synced)
+        error = SystemText(errno);
+    if (descriptor >= 0)
+        ::close(descriptor);
+    return synced;
+#else
+    Q_UNUSED(path);
+    Q_UNUSED(error);
+    return false;
+#endif
 }
 
 int MaxPathLength()

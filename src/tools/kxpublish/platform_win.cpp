@@ -91,6 +91,11 @@ bool SyncPath(const QString& path, QString& error)
     return synced;
 }
 
+bool SyncVolume(const QString&, QString&)
+{
+    return false; // needs rights that a publisher need not have
+}
+
 int MaxPathLength()
 {
     return 32766;

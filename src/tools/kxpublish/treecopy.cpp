@@ -13,6 +13,7 @@
 namespace publish {
 
 static constexpr qint64 blockSize = 1024 * 1024;
+static constexpr qsizetype manyFiles = 256;
 
 TreeCopy::TreeCopy(const QString& source, const QString& destination)
     : source(source), destination(destination)
@@ -106,6 +107,15 @@ bool TreeCopy::MakeParent(const QString& path, QString& error)
 // In a pass of its own: the system has begun to write by then, and waits far less per file.
 bool TreeCopy::SyncAll(const updater::FileList& files, QString& error)
 {
+    // One call for the volume is far quicker than one for each of many files. For a few it is not:
+    // the call waits for what other programs have written, too.
+    QString reason;
+    if (files.size() >= manyFiles && SyncVolume(destination, reason))
+        return true;
+    if (!reason.isEmpty()) {
+        error = QStringLiteral("cannot bring %1 to the disk: %2").arg(Shown(destination), reason);
+        return false;
+    }
     for (const updater::File& file : files) {
         if (file.IsSymlink())
             continue;
