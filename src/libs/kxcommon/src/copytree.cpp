@@ -181,9 +181,10 @@ Failure TreeCopy::CopyInto()
         return Failed(CopyWrite, QStringLiteral("opening the destination"), error);
     if (Failure failure = Contents(std::move(root), std::move(directory), Placing::Merging))
         return failure;
-    error = directory.OpenChild(parent, target.name);
+    fileops::Directory filled;
+    error = filled.OpenChild(parent, target.name);
     if (!error)
-        error = directory.Apply(rootState);
+        error = filled.Apply(rootState);
     if (error)
         return Failed(CopyAttributes, QStringLiteral("keeping permissions and modification time"),
                       error);
