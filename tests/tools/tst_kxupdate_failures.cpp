@@ -150,7 +150,7 @@ void TstKxupdateFailures::InterruptEndsTheCommand_data()
     QTest::addColumn<int>("signal");
     for (const auto& [name, number] : {std::pair{"Ctrl-C", SIGINT}, std::pair{"kill", SIGTERM},
                                        std::pair{"terminal closed", SIGHUP}}) {
-        for (const QString& where : {"version", "manifest", "file"})
+        for (const QString& where : QStringList{"version", "manifest", "file"})
             QTest::addRow("%s while the %s is fetched", name, qPrintable(where)) << where << number;
     }
 }
@@ -193,7 +193,8 @@ void TstKxupdateFailures::InterruptInTheSwapFinishesIt_data()
 {
     QTest::addColumn<QString>("state");
     QTest::addColumn<int>("times");
-    for (const QString& state : {"BACKUPREMOVING", "BACKUPING", "MOVING", "BACKUPCLEARING"}) {
+    for (const QString& state :
+         QStringList{"BACKUPREMOVING", "BACKUPING", "MOVING", "BACKUPCLEARING"}) {
         for (const int times : {1, 2})
             QTest::addRow("%s, Ctrl-C %d times", qPrintable(state), times) << state << times;
     }

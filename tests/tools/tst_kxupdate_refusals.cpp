@@ -140,12 +140,15 @@ void TstKxupdateRefusals::UpdateRefusesBeforeAskingTheServer()
         .File(QStringLiteral("file"), "text")
         .File(QStringLiteral("other/precious"), "text")
         .File(QStringLiteral("hidden/.precious"), "text")
+        .Dir(QStringLiteral("wrap"))
         .Dir(QStringLiteral("home/user"));
     const QStringList before = kxtest::Snapshot(site.Path(QStringLiteral(".")));
 
     QStringList arguments =
         site.Command(QStringLiteral("update"), v1, {QStringLiteral("--xml"), site.Xml()});
     arguments = Replace(arguments, option, value == QLatin1String("/") ? value : site.Path(value));
+    if (value == QLatin1String("wrap"))
+        arguments = Replace(arguments, QStringLiteral("--app"), site.Path(value) + "/app");
     KxupdateProcess process;
     process.SetHome(site.Path(QStringLiteral("home/user")));
     QVERIFY2(process.Run(arguments), process.Report());

@@ -59,6 +59,12 @@ void Console::Progress(int percent, const QString& label)
     Write(Stream::Error, progressLine.Update(percent, Printable(label)));
 }
 
+void Console::BreakLine()
+{
+    const QMutexLocker<QMutex> lock(&mutex);
+    Write(Stream::Error, progressLine.Leave());
+}
+
 void Console::EndProgress()
 {
     const QMutexLocker<QMutex> lock(&mutex);

@@ -24,6 +24,8 @@ public:
     void Data(const QString& name, const QString& value);
     /** Shows `percent` of the step `label`. */
     void Progress(int percent, const QString& label);
+    /** Begins a new line on a terminal, whose last one holds the "^C" of the user. */
+    void BreakLine();
     /** Takes the bar away; the next Progress() begins a new one. */
     void EndProgress();
 

@@ -28,9 +28,10 @@ QString ErrorHint(int code, const QString& text)
     case common::DownloadTimeout:
         return QStringLiteral("The server does not answer. Try again later.");
     case common::HttpRequestNetwork:
+        return QStringLiteral("Is the network up, and is --url the server's address?");
     case common::DownloadNetwork:
-        return QStringLiteral("Is the network up, and is --url the server's address? What has been "
-                              "downloaded is kept for the next run.");
+        return QStringLiteral("Is the network up? What has been downloaded is kept for the next "
+                              "run.");
     case common::HttpRequestStatus:
         if (text.contains(QLatin1String("version.xml")))
             return QStringLiteral("Is --url right? It is the address below which the server has "
@@ -55,8 +56,7 @@ QString ErrorHint(int code, const QString& text)
         return QStringLiteral("Check the server's certificate, and this machine's clock.");
     case common::DownloadNoSpace:
     case common::CopyNoSpace:
-        return QStringLiteral("Free some space and run the command again; it goes on where it "
-                              "stopped.");
+        return QStringLiteral("Free some space and run the command again.");
     case common::DownloadCreateDirectory:
     case common::DownloadWrite:
     case common::DownloadStore:

@@ -10,7 +10,9 @@ struct Row
 };
 
 const Row rows[] = {
-    {ExitStatus::Done, "done", "up to date, or done as asked (the result line tells which)"},
+    {ExitStatus::Done, "done",
+     "up to date, or done: up-to-date, downloaded, installed, updated,\n"
+     "                    repaired, verified"},
     {ExitStatus::Failed, "failed", "a step failed on this machine; the application is untouched"},
     {ExitStatus::Usage, "usage", "the command line is wrong"},
     {ExitStatus::Refused, "refused", "not begun: a directory, a right or the space forbids it"},

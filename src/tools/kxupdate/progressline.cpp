@@ -5,7 +5,7 @@
 namespace {
 
 constexpr int barCells = 30;
-constexpr int plainStep = 10;
+constexpr int plainStep = 25;
 
 } // namespace
 
@@ -48,6 +48,13 @@ QString ProgressLine::Redraw()
         return QString();
     drawn = true;
     return bar;
+}
+
+QString ProgressLine::Leave()
+{
+    drawn = false;
+    bar.clear();
+    return width > 0 ? QStringLiteral("\n") : QString();
 }
 
 void ProgressLine::Reset()

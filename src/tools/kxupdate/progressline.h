@@ -4,7 +4,7 @@
 
 /**
  * Turns percentages into what is written to show them: a bar that is drawn again in place on a
- * terminal, a line per ten percent elsewhere. Knows what stands on the terminal; writes nothing
+ * terminal, a line per quarter elsewhere. Knows what stands on the terminal; writes nothing
  * itself.
  */
 class ProgressLine
@@ -19,6 +19,8 @@ public:
     QString Erase();
     /** What to write after other text: draws the bar again; empty when none was standing. */
     QString Redraw();
+    /** What to write when the user has typed into the bar: leaves it where it is. */
+    QString Leave();
     /** The next percentage belongs to another run from 0 to 100. The bar must be erased. */
     void Reset();
 

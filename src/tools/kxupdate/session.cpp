@@ -25,7 +25,6 @@ Session::Session(const Options& options, Console& console, QObject* parent)
       download(options.download),
       updater(updater::CreateUpdater(&manager, nullptr))
 {
-    updater->SetCheckInterval(-1);
     updater->SetPackageName(options.package);
     updater->SetCurrentVersion(options.current);
     updater->SetLocalPackagePath(options.application);
@@ -52,6 +51,7 @@ void Session::ConnectUpdater()
     connect(source, SIGNAL(error(int, const QString&)), SLOT(OnError(int, const QString&)));
     connect(source, SIGNAL(stateChanged(const QString&)), SLOT(OnStateChanged(const QString&)));
     connect(source, SIGNAL(progress(int)), SLOT(OnProgress(int)));
+    connect(&manager, SIGNAL(received(qint64)), SLOT(OnReceived(qint64)));
     connect(source, SIGNAL(localUpdateVerificationFinished(bool)), SLOT(OnVerified(bool)));
 }
 

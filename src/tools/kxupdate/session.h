@@ -3,6 +3,7 @@
 #include "applicationdirectory.h"
 #include "downloaddirectory.h"
 #include "exitstatus.h"
+#include "networkmonitor.h"
 #include "options.h"
 
 #include <kxupdater/filescanner.h>
@@ -10,7 +11,6 @@
 
 #include <QList>
 #include <QLockFile>
-#include <QNetworkAccessManager>
 #include <QObject>
 
 #include <memory>
@@ -56,9 +56,11 @@ private Q_SLOTS:
     void OnFailed();
     void OnCanceled();
     void OnCheckError();
+    void OnSlowCheck();
     void OnError(int code, const QString& text);
     void OnStateChanged(const QString& name);
     void OnProgress(int percent);
+    void OnReceived(qint64 bytes);
     void OnVerified(bool result);
     void OnScanned();
     void OnScanFailed(int code, const QString& text);
@@ -105,6 +107,7 @@ private:
               bool mandatory);
     QString PackagePathViolation() const;
     void ReportVersions(const QString& verdict);
+    void ShowProgress();
     void ReportDifferences();
     void ConcludeFailedSwap();
 
@@ -113,7 +116,7 @@ private:
     const ApplicationDirectory application;
     const DownloadDirectory download;
 
-    QNetworkAccessManager manager;
+    NetworkMonitor manager;
     std::unique_ptr<updater::IUpdater> updater;
     std::unique_ptr<updater::FileScanner> scanner;
     std::unique_ptr<QLockFile> applicationLock;
@@ -122,6 +125,9 @@ private:
     QList<Step> steps;
     Awaited awaited = Awaited::Nothing;
     QString stateName;
+    int percent = 0;        // of the assembly, then of the swap
+    qint64 bytesBefore = 0; // received before the download began
+    qint64 bytesReceived = 0;
     QList<ReportedError> errors;
     QString tree;                // what VerifyTree() compares with the package
     updater::FileList manifest;  // files of the package in hand

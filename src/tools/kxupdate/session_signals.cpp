@@ -9,10 +9,21 @@
 #include <kxcommon/version.h>
 #include <kxupdater/errors.h>
 
+#include <QLocale>
+#include <QTimer>
+
+namespace {
+
+// The updater tries three times, 5 s apart, and says nothing before the last.
+constexpr int slowCheckMs = 3000;
+
+} // namespace
+
 void Session::Interrupt()
 {
     if (finished)
         return;
+    console.BreakLine();
     // From here on only the end of the swap leaves a whole application in place.
     if (swapBegan) {
         console.Error(QStringLiteral("The application is being replaced: finishing that first."));
@@ -120,6 +131,12 @@ void Session::OnCheckError()
     console.Message(QStringLiteral("    no answer, or not the right one; trying again"));
 }
 
+void Session::OnSlowCheck()
+{
+    if (stateName == QLatin1String("QUERYING"))
+        console.Message(QStringLiteral("    no answer yet; still trying, a few more seconds"));
+}
+
 void Session::OnError(int code, const QString& text)
 {
     if (finished)
@@ -137,16 +154,39 @@ void Session::OnStateChanged(const QString& name)
     if (IsSwapState(name))
         swapBegan = true;
     const QString description = StateDescription(name);
+    if (name == QLatin1String("QUERYING"))
+        QTimer::singleShot(slowCheckMs, this, SLOT(OnSlowCheck()));
     if (description.isEmpty())
         return;
     console.Message(QStringLiteral("  %1 %2").arg(name, -16).arg(description));
-    if (name == QLatin1String("COPYING") || name == QLatin1String("BACKUPREMOVING"))
+    // One bar spans the assembly, another one the swap; what lies between them has none.
+    if (!swapBegan && name != QLatin1String("DOWNLOADING")) {
         console.EndProgress();
+        percent = 0;
+        bytesBefore = bytesReceived;
+    }
 }
 
-void Session::OnProgress(int percent)
+void Session::OnProgress(int done)
 {
-    console.Progress(percent, StateDescription(stateName));
+    percent = done;
+    ShowProgress();
+}
+
+void Session::OnReceived(qint64 bytes)
+{
+    bytesReceived = bytes;
+    if (stateName == QLatin1String("DOWNLOADING"))
+        ShowProgress();
+}
+
+void Session::ShowProgress()
+{
+    QString label = StateDescription(stateName);
+    if (stateName == QLatin1String("DOWNLOADING"))
+        label += QStringLiteral(", %1 received")
+                     .arg(QLocale::c().formattedDataSize(bytesReceived - bytesBefore, 1));
+    console.Progress(percent, label);
 }
 
 void Session::OnFailed()
@@ -159,6 +199,8 @@ void Session::OnFailed()
 
     switch (awaited) {
     case Awaited::Check:
+        if (options.command != Options::Command::Check)
+            console.Message(QStringLiteral("The application is untouched."));
         return Finish(IsServerError(first.code) ? ExitStatus::ServerFailed : ExitStatus::Failed);
     case Awaited::Download:
         if (first.code == updater::VerificationFailed) {
