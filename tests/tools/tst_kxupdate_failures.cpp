@@ -162,12 +162,13 @@ void TstKxupdateFailures::InterruptEndsTheCommand()
     UpdateSite site;
     site.Publish(v2);
     site.Install(v1);
-    if (where == QLatin1String("version"))
-        site.Server().Enqueue(site.VersionPath(), kxtest::Reply::Hold());
-    else if (where == QLatin1String("manifest"))
-        site.Server().Enqueue(site.ManifestPath(v2), kxtest::Reply::StallAfter(100));
-    else
-        site.Server().Enqueue(site.FilePath(v2, filter), kxtest::Reply::StallAfter(60000));
+    // Stalled for good: nothing but the interrupt ends the wait.
+    const QString path = where == QLatin1String("version")    ? site.VersionPath()
+                         : where == QLatin1String("manifest") ? site.ManifestPath(v2)
+                                                              : site.FilePath(v2, filter);
+    site.Server().SetDefaultReply(path, where == QLatin1String("version")
+                                            ? kxtest::Reply::Hold()
+                                            : kxtest::Reply::StallAfter(100));
     QSignalSpy stalled(&site.Server(), SIGNAL(stalled(QString)));
 
     KxupdateProcess process;
@@ -183,6 +184,7 @@ void TstKxupdateFailures::InterruptEndsTheCommand()
     QVERIFY2(!process.Errors().contains(QStringLiteral("Error")), process.Report());
     QCOMPARE(site.Installed(), site.Published(v1));
 
+    site.Server().SetDefaultReply(path, kxtest::Reply());
     KxupdateProcess again;
     QVERIFY2(again.Run(site.Command(QStringLiteral("update"))), again.Report());
     QVERIFY2(again.Status() == 0, again.Report());

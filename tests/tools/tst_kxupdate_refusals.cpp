@@ -57,72 +57,32 @@ void TstKxupdateRefusals::UpdateRefusesBeforeAskingTheServer_data()
     QTest::addColumn<QString>("value"); // relative to the site
     QTest::addColumn<QString>("message");
 
-    QTest::newRow("download directory is a link") << "--download"
-                                                  << "link"
-                                                  << "symbolic link";
-    QTest::newRow("download directory is a link to nothing") << "--download"
-                                                             << "dangling"
-                                                             << "symbolic link";
-    QTest::newRow("download directory is a file") << "--download"
-                                                  << "file"
-                                                  << "not a directory";
-    QTest::newRow("download directory is the application") << "--download"
-                                                           << "app"
-                                                           << "inside";
-    QTest::newRow("download directory in the application") << "--download"
-                                                           << "app/next"
-                                                           << "inside";
-    QTest::newRow("download directory in the application, through a link") << "--download"
-                                                                           << "applink/next"
-                                                                           << "inside";
-    QTest::newRow("download directory around the application") << "--download"
-                                                               << "."
-                                                               << "inside";
-    QTest::newRow("download directory is the backup") << "--download"
-                                                      << "app.old"
-                                                      << "inside";
-    QTest::newRow("download directory in the backup") << "--download"
-                                                      << "app.old/a"
-                                                      << "inside";
-    QTest::newRow("download directory is the root") << "--download"
-                                                    << "/"
-                                                    << "root";
-    QTest::newRow("download directory is home") << "--download"
-                                                << "home/user"
-                                                << "home";
-    QTest::newRow("download directory around home") << "--download"
-                                                    << "home"
-                                                    << "home";
-    QTest::newRow("download directory of somebody else") << "--download"
-                                                         << "other"
-                                                         << "not made by kxupdate";
-    QTest::newRow("download directory with only a hidden file") << "--download"
-                                                                << "hidden"
-                                                                << "not made by kxupdate";
-    QTest::newRow("application is a link") << "--app"
-                                           << "applink"
-                                           << "symbolic link";
-    QTest::newRow("application is a link to nothing") << "--app"
-                                                      << "dangling"
-                                                      << "symbolic link";
-    QTest::newRow("application is a file") << "--app"
-                                           << "file"
-                                           << "not a directory";
-    QTest::newRow("application is the root") << "--app"
-                                             << "/"
-                                             << "root";
-    QTest::newRow("application is home") << "--app"
-                                         << "home/user"
-                                         << "home";
-    QTest::newRow("application in a missing directory") << "--app"
-                                                        << "no/app"
-                                                        << "not exist";
-    QTest::newRow("description in the download directory") << "--xml"
-                                                           << "next/a.xml"
-                                                           << "cleared or replaced";
-    QTest::newRow("description in the application") << "--xml"
-                                                    << "app/a"
-                                                    << "cleared or replaced";
+    const auto row = [](const char* name, const char* option, const char* value,
+                        const char* message) { QTest::newRow(name) << option << value << message; };
+    row("download directory is a link", "--download", "link", "symbolic link");
+    row("download directory is a link to nothing", "--download", "dangling", "symbolic link");
+    row("download directory is a file", "--download", "file", "not a directory");
+    row("download directory is the application", "--download", "app", "inside");
+    row("download directory in the application", "--download", "app/next", "inside");
+    row("download directory in the application, through a link", "--download", "applink/next",
+        "inside");
+    row("download directory around the application", "--download", "wrap", "inside");
+    row("download directory is the backup", "--download", "app.old", "inside");
+    row("download directory in the backup", "--download", "app.old/a", "inside");
+    row("download directory is the root", "--download", "/", "root");
+    row("download directory is home", "--download", "home/user", "home");
+    row("download directory around home", "--download", "home", "home");
+    row("download directory of somebody else", "--download", "other", "not made by kxupdate");
+    row("download directory with only a hidden file", "--download", "hidden",
+        "not made by kxupdate");
+    row("application is a link", "--app", "applink", "symbolic link");
+    row("application is a link to nothing", "--app", "dangling", "symbolic link");
+    row("application is a file", "--app", "file", "not a directory");
+    row("application is the root", "--app", "/", "root");
+    row("application is home", "--app", "home/user", "home");
+    row("application in a missing directory", "--app", "no/app", "not exist");
+    row("description in the download directory", "--xml", "next/a.xml", "cleared or replaced");
+    row("description in the application", "--xml", "app/a", "cleared or replaced");
 }
 
 void TstKxupdateRefusals::UpdateRefusesBeforeAskingTheServer()
