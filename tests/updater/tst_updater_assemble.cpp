@@ -1,5 +1,6 @@
 #include "allocationfailure.h"
 #include "updaterrig.h"
+#include "wiringguard.h"
 
 #include "retrydelay.h"
 
@@ -13,7 +14,6 @@
 
 #include <QDir>
 #include <QFile>
-#include <QRegularExpression>
 #include <QTest>
 
 #include <optional>
@@ -137,7 +137,7 @@ void TestUpdaterAssemble::initTestCase()
 
 void TestUpdaterAssemble::init()
 {
-    QTest::failOnWarning(QRegularExpression(QStringLiteral("[Nn]o such (signal|slot|method)")));
+    kxtest::FailOnWiringWarnings();
     rig = std::make_unique<UpdaterRig>();
 }
 

@@ -12,37 +12,12 @@
 #include <cerrno>
 
 #include <csignal>
-#include <sys/fsuid.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace kxtest {
 
 const QString UpdaterRig::package = QStringLiteral("demo");
-
-namespace {
-
-constexpr unsigned int nobody = 65534;
-
-} // namespace
-
-OrdinaryUser::OrdinaryUser() : dropped(geteuid() == 0)
-{
-    if (!dropped)
-        return;
-    setfsgid(nobody);
-    setfsuid(nobody);
-    if (setfsuid(nobody) != static_cast<int>(nobody))
-        qFatal("cannot drop the super-user's rights");
-}
-
-OrdinaryUser::~OrdinaryUser()
-{
-    if (!dropped)
-        return;
-    setfsuid(0);
-    setfsgid(0);
-}
 
 void HookedLog::Log(const common::logger::IMessage& message)
 {

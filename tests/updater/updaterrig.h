@@ -24,23 +24,6 @@ namespace kxtest {
 /** The time after which a wait gives up; long enough for a busy machine under a sanitizer. */
 constexpr int patience = 60000;
 
-/**
- * File operations of the calling thread, and of the threads that it starts, as an ordinary user for
- * as long as it lives: rights that are taken away stop the super-user too. Without effect when the
- * process has no super-user's rights to drop.
- */
-class OrdinaryUser
-{
-public:
-    OrdinaryUser();
-    ~OrdinaryUser();
-
-private:
-    Q_DISABLE_COPY(OrdinaryUser)
-
-    bool dropped;
-};
-
 /** Calls a function with every message, on the thread that logs, after it was recorded. */
 class HookedLog : public LogCapture
 {
