@@ -905,7 +905,6 @@ void TestUpdaterAssemble::BadNameIsNeverCopied_data()
     // What a scan can find on disk.
     QTest::addColumn<QString>("name");
     QTest::newRow("backslash") << "dir\\evil";
-    QTest::newRow("parent with a backslash") << "..\\evil";
     QTest::newRow("line feed") << "dir/ev\nil";
     QTest::newRow("tabulator") << "ev\til";
     QTest::newRow("delete character") << QString("ev") + QChar(0x7f) + "il";
@@ -989,7 +988,7 @@ void TestUpdaterAssemble::LinkOfAnEarlierVersionIsNotWrittenThrough()
         rig->server.SetBody(UpdaterRig::FilePath("3.0", "dir/evil"), "e");
         if (rig->State() == "SUCCESS")
             rig->updater->Cancel();
-        QVERIFY(QTest::qWaitFor([&] { return rig->State() != "SUCCESS"; }, kxtest::patience));
+        QVERIFY(kxtest::WaitFor([&] { return rig->State() != "SUCCESS"; }));
         rig->Forget();
         QVERIFY(rig->Assemble("FAILED"));
         QCOMPARE(rig->Errors(), QStringList(ErrorLine(updater::DownloadStartFailed,

@@ -420,6 +420,7 @@ void TestUpdaterSwap::FailWith(const char* state, std::function<void()> action)
 void TestUpdaterSwap::BackupThatCannotBeRemovedLeavesTheApplication()
 {
     const kxtest::DroppedRights rights;
+    rig.reset(); // one log at a time
     rig = std::make_unique<UpdaterRig>();
     Trees();
     TreeBuilder(rig->Backup()).File("stale/one", "1").File("stale/two", "2");
@@ -483,6 +484,7 @@ void TestUpdaterSwap::BackupPathThatIsTakenLeavesTheApplication()
 void TestUpdaterSwap::ApplicationThatCannotBeMovedStays()
 {
     const kxtest::DroppedRights rights;
+    rig.reset(); // one log at a time
     rig = std::make_unique<UpdaterRig>();
     Trees();
     FailWith("BACKUPING", [this] { kxtest::SetMode(rig->Root(), 0555); });
@@ -571,6 +573,7 @@ void TestUpdaterSwap::FailedCopyWithoutABackupEndsWithNothingToRestore()
 void TestUpdaterSwap::ApplicationThatCannotBeRemovedKeepsTheBackup()
 {
     const kxtest::DroppedRights rights;
+    rig.reset(); // one log at a time
     rig = std::make_unique<UpdaterRig>();
     Trees();
     QCOMPARE(mkfifo(QFile::encodeName(rig->Next() + "/new/fifo").constData(), 0644), 0);
@@ -614,6 +617,7 @@ void TestUpdaterSwap::ApplicationThatReappearsKeepsTheBackup()
 void TestUpdaterSwap::BackupThatCannotBeMovedBackStays()
 {
     const kxtest::DroppedRights rights;
+    rig.reset(); // one log at a time
     rig = std::make_unique<UpdaterRig>();
     Trees();
     QCOMPARE(mkfifo(QFile::encodeName(rig->Next() + "/new/fifo").constData(), 0644), 0);
@@ -633,6 +637,7 @@ void TestUpdaterSwap::BackupThatCannotBeMovedBackStays()
 void TestUpdaterSwap::BackupThatCannotBeClearedIsASuccess()
 {
     const kxtest::DroppedRights rights;
+    rig.reset(); // one log at a time
     rig = std::make_unique<UpdaterRig>();
     Trees();
     FailWith("BACKUPCLEARING", [this] { kxtest::SetMode(rig->Root(), 0555); });

@@ -2,11 +2,13 @@
 
 #include <kxupdater/build.h>
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QEventLoop>
 #include <QFileInfo>
-#include <QTest>
 #include <QThread>
+#include <QTimer>
 
 #include <atomic>
 #include <cerrno>
@@ -40,6 +42,20 @@ void HookedLog::SetHook(std::function<void(const LogRecord&)> function)
 {
     const QMutexLocker lock(&hookMutex);
     hook = std::move(function);
+}
+
+bool WaitFor(const std::function<bool()>& condition)
+{
+    QTimer limit;
+    limit.setSingleShot(true);
+    limit.start(patience);
+    while (!condition()) {
+        if (!limit.isActive())
+            return false;
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    }
+    return true;
 }
 
 int TestCallback::Call(const QString& download, const QString& local)
@@ -160,20 +176,18 @@ void UpdaterRig::AtState(const QString& name, std::function<void()> function)
 bool UpdaterRig::Reach(const QStringList& names)
 {
     // FAILED and CANCELED are rests that nothing leaves by itself: no use to wait on.
-    return QTest::qWaitFor([&] { return names.contains(state); }, patience);
+    return WaitFor([&] { return names.contains(state); });
 }
 
 bool UpdaterRig::Check(const char* result)
 {
     updater->Check();
-    return QTest::qWaitFor(
-               [&] {
-                   return states.contains(QStringLiteral("CHECKING")) &&
-                          QStringList{QStringLiteral("AVAILABLE"), QStringLiteral("ACTUAL"),
-                                      QStringLiteral("FAILED")}
-                              .contains(state);
-               },
-               patience) &&
+    return WaitFor([&] {
+               return states.contains(QStringLiteral("CHECKING")) &&
+                      QStringList{QStringLiteral("AVAILABLE"), QStringLiteral("ACTUAL"),
+                                  QStringLiteral("FAILED")}
+                          .contains(state);
+           }) &&
            state == QLatin1String(result);
 }
 
@@ -190,8 +204,7 @@ bool UpdaterRig::Install(const char* result)
 {
     if (state == QLatin1String("SUCCESS")) {
         // The machine stops a moment after it has entered its final state.
-        if (!QTest::qWaitFor([&] { return trace->Last() == QLatin1String("finished()"); },
-                             patience))
+        if (!WaitFor([&] { return trace->Last() == QLatin1String("finished()"); }))
             return false;
         updater->Cancel();
     } else if (state != QLatin1String("WAITING")) {

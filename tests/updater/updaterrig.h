@@ -24,6 +24,13 @@ namespace kxtest {
 /** The time after which a wait gives up; long enough for a busy machine under a sanitizer. */
 constexpr int patience = 60000;
 
+/**
+ * Runs the event loop until the condition holds, which is asked after every round; false when it
+ * never does. Unlike QTRY_VERIFY it does not sleep between the rounds, so that a flow of many steps
+ * takes no longer than its steps; what changes without an event is not seen.
+ */
+bool WaitFor(const std::function<bool()>& condition);
+
 /** Calls a function with every message, on the thread that logs, after it was recorded. */
 class HookedLog : public LogCapture
 {
