@@ -164,7 +164,8 @@ void UpdaterRig::Start()
                          if (function)
                              function();
                      });
-    if (!Reach("WAITING"))
+    // It may be elsewhere already, if a test acts at once.
+    if (!WaitFor([this] { return states.contains(QStringLiteral("WAITING")); }))
         qFatal("the updater does not start");
 }
 
