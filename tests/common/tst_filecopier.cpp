@@ -692,6 +692,9 @@ void TestFileCopier::OrdinaryUserIsRefusedWithAReason()
     FileRun run = CopyFile(tree.Path("secret"), tree.Path("b"));
     QVERIFY2(run.HasFailed(common::CopyRead), qPrintable(run.Line()));
     QVERIFY(run.text.contains("Permission denied"));
+    tree.Dir("dark", 0000);
+    run = CopyFile(tree.Path("dark/x"), tree.Path("b"));
+    QVERIFY2(run.HasFailed(common::CopyRead), qPrintable(run.Line()));
     run = CopyFile(tree.Path("a"), tree.Path("closed/b"));
     QVERIFY2(run.HasFailed(common::CopyWrite), qPrintable(run.Line()));
     run = CopyFile(tree.Path("a"), tree.Path("closed/new/b"));

@@ -98,9 +98,15 @@ Failure CopyWorker::CopySingle(const Job& job)
     const SplitPath destination = Split(job.destination);
     fileops::Directory sourceParent;
     fileops::Directory parent;
-    if (source.name.empty() || sourceParent.OpenAnchor(source.parent))
+    const fileops::Error opening = source.name.empty()
+                                       ? std::make_error_code(std::errc::no_such_file_or_directory)
+                                       : sourceParent.OpenAnchor(source.parent);
+    if (opening == std::errc::no_such_file_or_directory || opening == std::errc::not_a_directory)
         return Failed(CopySourceMissing, job.source, job.destination,
                       QStringLiteral("the source does not exist"));
+    if (opening)
+        return CopyFailed(CopyRead, source.Path(), destination.Path(),
+                          QStringLiteral("opening the source"), opening);
     if (destination.name.empty())
         return Failed(CopyWrite, job.source, job.destination,
                       QStringLiteral("the destination names no entry"));

@@ -116,12 +116,16 @@ int OpenLong(const std::string& path, int flags)
 // look before, which leaves a moment in which another process could come first.
 int RenameNew(int fromDirectory, const char* from, int toDirectory, const char* to)
 {
-#ifdef RENAME_NOREPLACE
-    if (renameat2(fromDirectory, from, toDirectory, to, RENAME_NOREPLACE) == 0)
-        return 0;
-    if (errno != ENOSYS && errno != EINVAL && errno != ENOTSUP)
-        return -1;
+#if defined(RENAME_NOREPLACE)
+    const int result = renameat2(fromDirectory, from, toDirectory, to, RENAME_NOREPLACE);
+#elif defined(RENAME_EXCL)
+    const int result = renameatx_np(fromDirectory, from, toDirectory, to, RENAME_EXCL);
+#else
+    const int result = -1;
+    errno = ENOSYS;
 #endif
+    if (result == 0 || (errno != ENOSYS && errno != EINVAL && errno != ENOTSUP))
+        return result;
     struct stat status = {};
     if (fstatat(toDirectory, to, &status, AT_SYMLINK_NOFOLLOW) == 0) {
         errno = EEXIST;
