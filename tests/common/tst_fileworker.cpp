@@ -11,11 +11,13 @@
 #include <kxcommon/fileremover.h>
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QPointer>
 #include <QSignalSpy>
 #include <QTest>
 
 #include <cerrno>
+#include <cstdio>
 #include <limits>
 
 using common::FileCopier;
@@ -91,12 +93,15 @@ private Q_SLOTS:
     void ThreadThatCannotStartIsReportedLater();
     void ProgressIsThrottled();
     void LastProgressComesBeforeTheOutcome();
+    void ProgressEndsAtTheTotalWhenTheSourceChanges_data();
+    void ProgressEndsAtTheTotalWhenTheSourceChanges();
     void EventLoopRunsWhileTheWorkerIsHeld_data();
     void EventLoopRunsWhileTheWorkerIsHeld();
     void NoThreadIsLeft();
     void RunsInTheThreadOfItsOwner();
     void DeletionDuringARunLeavesNothing_data();
     void DeletionDuringARunLeavesNothing();
+    void DeletionEndsTheRunWithinAFile();
     void DeletionBeforeDeliveryIsSilent();
     void DeletionRightAfterTheStartIsSilent();
     void DeletionInsideASignalIsSafe_data();
@@ -351,6 +356,34 @@ void TestFileWorker::LastProgressComesBeforeTheOutcome()
     QCOMPARE(order.count("end"), 1);
 }
 
+void TestFileWorker::ProgressEndsAtTheTotalWhenTheSourceChanges_data()
+{
+    QTest::addColumn<qint64>("size");
+    QTest::newRow("shorter") << qint64(3);
+    QTest::newRow("longer") << qint64(3000000);
+}
+
+void TestFileWorker::ProgressEndsAtTheTotalWhenTheSourceChanges()
+{
+    QFETCH(const qint64, size);
+    TreeBuilder tree;
+    FillSource(tree);
+    std::atomic<int> steps{0};
+    const kxtest::StepHook hook([&](Step step) {
+        if (step != Step::Entry || ++steps != 1)
+            return 0;
+        for (int i = 0; i < 20; ++i)
+            QFile::resize(tree.Path(QStringLiteral("in/d%1/f%2").arg(i % 5).arg(i)), size);
+        return 0;
+    });
+    FileCopier copier;
+    copier.AddDirectory(tree.Path("in"), tree.Path("out"));
+    const FileRun run = kxtest::RunToEnd(copier, &FileCopier::Copy);
+    QVERIFY2(run.IsGood(), qPrintable(run.Line()));
+    QVERIFY(kxtest::IsSound(run.progress));
+    QCOMPARE(kxtest::Snapshot(tree.Path("out")), kxtest::Snapshot(tree.Path("in")));
+}
+
 void TestFileWorker::EventLoopRunsWhileTheWorkerIsHeld_data()
 {
     QTest::addColumn<bool>("isRemoval");
@@ -460,6 +493,34 @@ void TestFileWorker::DeletionDuringARunLeavesNothing()
         QCOMPARE(kxtest::Snapshot(tree.Path("out")), kxtest::Snapshot(tree.Path("in")));
     if (static_cast<Step>(step) == Step::Placed)
         QVERIFY(kxtest::Exists(tree.Path("out")));
+}
+
+void TestFileWorker::DeletionEndsTheRunWithinAFile()
+{
+    // A file that grows whenever a block of it was copied has no end.
+    constexpr int manyBlocks = 50000;
+    TreeBuilder tree;
+    tree.File("in/endless", QByteArray(4096, 'x'));
+    std::FILE* const source = std::fopen(qPrintable(tree.Path("in/endless")), "ab");
+    QVERIFY(source);
+    std::atomic<int> blocks{0};
+    {
+        const kxtest::StepHook hook([&](Step step) {
+            if (step == Step::Block && ++blocks < manyBlocks) {
+                std::fwrite("0123456789abcdef", 1, 16, source);
+                std::fflush(source);
+            }
+            return 0;
+        });
+        auto copier = std::make_unique<FileCopier>();
+        copier->AddDirectory(tree.Path("in"), tree.Path("out"));
+        QVERIFY(copier->Copy());
+        QVERIFY(WaitBlind([&] { return blocks > 10; }));
+        copier.reset();
+    }
+    std::fclose(source);
+    QVERIFY(blocks < manyBlocks);
+    QCOMPARE(kxtest::Snapshot(tree.Root()).size(), 2);
 }
 
 void TestFileWorker::DeletionBeforeDeliveryIsSilent()
