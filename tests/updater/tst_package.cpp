@@ -1,3 +1,4 @@
+#include "allocationfailure.h"
 #include "fakeservices.h"
 #include "logcapture.h"
 #include "manifest.h"
@@ -101,6 +102,7 @@ private Q_SLOTS:
     void ConstructionMakesAndConfiguresBothRequests();
     void WithoutManagerEveryOperationSaysSo();
     void ManifestStepWithoutRequestFails();
+    void WithoutVersionQueryEveryOperationSaysSo();
     void SettersAreLoggedAndPassedOn();
     void UrlIsThatOfTheBaseUntilTheQuery();
     void SuccessYieldsTheBuildAndIsLoggedStepByStep();
@@ -201,6 +203,42 @@ void TestPackage::ManifestStepWithoutRequestFails()
     kxtest::SignalTrace otherTrace(&other);
     QVERIFY(QMetaObject::invokeMethod(&other, "OnVersionReady"));
     QCOMPARE(otherTrace.Lines(), QStringList{"failed(600200, Request is not created!)"});
+}
+
+void TestPackage::WithoutVersionQueryEveryOperationSaysSo()
+{
+    QNetworkAccessManager manager;
+    kxtest::LogCapture log;
+    std::unique_ptr<Package> package;
+    {
+        auto failure = kxtest::AllocationFailure::Of<updater::Version>();
+        package = std::make_unique<Package>(&manager, nullptr);
+        QVERIFY(failure.Failures() > 0);
+    }
+    kxtest::SignalTrace trace(package.get());
+    QCOMPARE(log.Lines(), QStringList{"updater.package 2 Failed to create version!"});
+    log.Clear();
+    package->SetName("demo-app");
+    package->SetURL(base);
+    package->SetCurrentVersion("1.0");
+    package->Abort();
+    QCOMPARE(log.Lines(), (QStringList{"updater.package 7 Setting name to 'demo-app'.",
+                                       "updater.package 2 Failed to set package to version!",
+                                       "updater.package 2 Failed to set URL to version!"}));
+    QCOMPARE(package->Name(), QString("demo-app"));
+    QCOMPARE(package->URL(), QString(base));
+    QCOMPARE(package->VersionString(), QString());
+    log.Clear();
+    package->Get();
+    QCOMPARE(trace.Lines(), QStringList{"failed(600104, Version request is not created!)"});
+    QCOMPARE(log.Lines(), (QStringList{"updater.package 7 Getting package info...",
+                                       "updater.package 2 Version request is not created!",
+                                       "updater.package 3 Getting package failed with error "
+                                       "600104, 'Version request is not created!'!"}));
+    QCOMPARE(FakeServices::Calls("request1 Send"), QStringList{});
+    // What needs no version still works.
+    package->SetPackageXML(Manifest());
+    QCOMPARE(package->Files().size(), 1);
 }
 
 void TestPackage::SettersAreLoggedAndPassedOn()
