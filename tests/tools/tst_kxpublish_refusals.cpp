@@ -149,6 +149,8 @@ void TestKxpublishRefusals::RefusesNames_data()
     file("no-break space at the end", S("a\u00a0"), S("'a\u00a0': the name ends with a blank"));
     file("character that XML lacks", S("a\uffff"),
          S("'a\\xffff': the name has a character that XML cannot carry"));
+    file("character that Qt's URLs do not encode", S("a\ufdd0"),
+         S("'a\\xfdd0': the name does not survive in a URL"));
     const QString notUtf8 = S("': the name is not UTF-8 without a byte order mark");
     AddRow("bytes that are not UTF-8", [](TreeBuilder& tree) { RawFile(tree, "a\xff"); },
            {S("'a\\xff") + notUtf8});
@@ -322,6 +324,9 @@ void TestKxpublishRefusals::RefusesSettings_data()
     row("address with credentials", "--base-url", S("http://u:p@h/x"),
         "has credentials, which every client would see");
     row("address with a blank", "--base-url", S("http://h/a b"), "is not a valid URL");
+    row("address with a bad port", "--base-url", S("http://h:99999/x"), "is not a valid URL");
+    row("address with a character that Qt's URLs do not encode", "--base-url", S("http://h/\ufdd0"),
+        "is not read the same by every client");
     row("program outside the tree", "--exec", S("../app"), "not a file of the tree");
     row("program with an absolute path", "--exec", S("/bin/sh"), "not a file of the tree");
     row("program by another spelling", "--exec", S("./app"), "not a file of the tree");
@@ -336,7 +341,7 @@ void TestKxpublishRefusals::RefusesSettings()
     TreeBuilder tree;
     tree.File(S("app"), "program", 0755);
     QString shown = value;
-    shown.replace(QLatin1Char('\n'), S("\\x0a"));
+    shown.replace(QLatin1Char('\n'), S("\\x0a")).replace(QChar(0xfdd0), S("\\xfdd0"));
     Check(tree, With(AddArguments(tree.Root(), workshop->Path(S("srv"))), option, value),
           {S("%1 '%2': %3").arg(option, shown, reason)});
 }
