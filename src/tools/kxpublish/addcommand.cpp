@@ -163,8 +163,6 @@ ExitStatus AddCommand::Publish(const TreeContents& contents)
         return Refuse();
     }
     QString error;
-    if (IsInterrupted())
-        return GiveUp();
     if (!server.Open(error))
         return Fail(error);
 
