@@ -7,6 +7,7 @@
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFileInfo>
+#include <QStorageInfo>
 #include <QThread>
 #include <QTimer>
 
@@ -71,7 +72,21 @@ int TestCallback::Call(const QString& download, const QString& local)
     return code;
 }
 
-UpdaterRig::UpdaterRig()
+namespace {
+
+// In memory where that is possible: each swap is brought to disk, and many of them are made.
+QString Template()
+{
+    const QStorageInfo memory(QStringLiteral("/dev/shm"));
+    const bool suits = memory.isValid() && memory.fileSystemType() == "tmpfs" &&
+                       memory.bytesAvailable() > (qint64(1) << 30);
+    const QString place = suits ? memory.rootPath() : QDir::tempPath();
+    return place + QStringLiteral("/kxrig-XXXXXX");
+}
+
+} // namespace
+
+UpdaterRig::UpdaterRig() : directory(Template())
 {
     if (!directory.isValid())
         qFatal("no temporary directory");
@@ -180,6 +195,13 @@ bool UpdaterRig::Reach(const QStringList& names)
     return WaitFor([&] { return names.contains(state); });
 }
 
+bool UpdaterRig::HasStopped() const
+{
+    return state == QLatin1String("SUCCESS") &&
+           trace->CountOf(QStringLiteral("finished")) ==
+               trace->Count(QStringLiteral("stateChanged(SUCCESS)"));
+}
+
 bool UpdaterRig::Check(const char* result)
 {
     updater->Check();
@@ -205,7 +227,7 @@ bool UpdaterRig::Install(const char* result)
 {
     if (state == QLatin1String("SUCCESS")) {
         // The machine stops a moment after it has entered its final state.
-        if (!WaitFor([&] { return trace->Last() == QLatin1String("finished()"); }))
+        if (!WaitFor([&] { return HasStopped(); }))
             return false;
         updater->Cancel();
     } else if (state != QLatin1String("WAITING")) {

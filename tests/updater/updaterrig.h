@@ -108,6 +108,9 @@ public:
     bool Reach(const QStringList& names);
     bool Reach(const char* name) { return Reach({QString::fromLatin1(name)}); }
 
+    /** True when finished() has followed SUCCESS: the machine takes no command but Cancel(). */
+    bool HasStopped() const;
+
     /** Check() and the way to its result. */
     bool Check(const char* result = "AVAILABLE");
     /** Download() and the way to its end; from a check on if need be. */
