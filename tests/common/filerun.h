@@ -4,11 +4,14 @@
 #include <QEventLoop>
 #include <QPair>
 #include <QString>
+#include <QStringList>
 #include <QThread>
 #include <QTimer>
 #include <QVector>
 
+#include <cstdio>
 #include <dirent.h>
+#include <sys/wait.h>
 
 namespace kxtest {
 
@@ -86,6 +89,35 @@ inline bool IsSound(const QVector<QPair<int, int>>& progress)
         before = done;
     }
     return true;
+}
+
+/** What kxfilechild printed and how it ended. */
+struct ChildRun
+{
+    QString output;
+    bool wasKilled = false;
+};
+
+/**
+ * Runs kxfilechild with `arguments`, which hold neither spaces nor quotes. By popen(), because the
+ * thread sanitizer gives up on threads that are started after the way in which QProcess forks.
+ */
+inline ChildRun RunChild(const QStringList& arguments)
+{
+    const QString command =
+        QStringLiteral("exec '%1/kxfilechild' %2")
+            .arg(QCoreApplication::applicationDirPath(), arguments.join(QLatin1Char(' ')));
+    ChildRun run;
+    FILE* const pipe = popen(qPrintable(command), "r");
+    if (!pipe)
+        return run;
+    QByteArray bytes;
+    char buffer[4096];
+    while (const size_t size = fread(buffer, 1, sizeof(buffer), pipe))
+        bytes.append(buffer, static_cast<qsizetype>(size));
+    run.output = QString::fromUtf8(bytes);
+    run.wasKilled = WIFSIGNALED(pclose(pipe));
+    return run;
 }
 
 /** The number of threads of this process. */

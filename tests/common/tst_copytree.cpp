@@ -10,7 +10,6 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QProcess>
 #include <QTest>
 
 #include <cerrno>
@@ -52,16 +51,6 @@ void FillSource(TreeBuilder& tree)
     tree.File("in/empty", {}).Dir("in/none").Symlink("in/bin/link", "app");
     tree.Symlink("in/dangling", "no/where").Symlink("in/abs", "/usr");
     tree.Symlink("in/none/up", "../..").File("in/ro/f", "r", 0444);
-}
-
-QString RunChild(const QStringList& arguments, QProcess::ExitStatus* status)
-{
-    QProcess child;
-    child.start(QCoreApplication::applicationDirPath() + "/kxfilechild", arguments);
-    if (!child.waitForFinished(60000))
-        return QStringLiteral("not finished");
-    *status = child.exitStatus();
-    return QString::fromUtf8(child.readAllStandardOutput());
 }
 
 } // namespace
@@ -657,10 +646,9 @@ void TestCopyTree::FullDiskLeavesNothing()
     tree.Dir("disk", 0777);
     for (int i = 0; i < 40; ++i)
         tree.RandomFile(QStringLiteral("in/d%1/f").arg(i), 50000, quint32(i));
-    QProcess::ExitStatus status = QProcess::CrashExit;
-    const QString output = RunChild({"--small-disk", tree.Path("disk"), "1048576", "copydir",
-                                     tree.Path("in"), tree.Path("disk/out")},
-                                    &status);
+    const QString output = kxtest::RunChild({"--small-disk", tree.Path("disk"), "1048576",
+                                             "copydir", tree.Path("in"), tree.Path("disk/out")})
+                               .output;
     // Where no namespace may be made, FailureLeavesNothing() covers the codes.
     if (output == "no namespace\n")
         return;
@@ -709,11 +697,10 @@ void TestCopyTree::KilledRunLeavesDestinationAbsentOrWhole()
     QFETCH(const bool, isWhole);
     TreeBuilder tree;
     FillSource(tree);
-    QProcess::ExitStatus status = QProcess::NormalExit;
-    const QString output = RunChild({"--die", QString::number(step), QString::number(nth),
-                                     "copydir", tree.Path("in"), tree.Path("out")},
-                                    &status);
-    QVERIFY2(status == QProcess::CrashExit, qPrintable(output));
+    const kxtest::ChildRun child =
+        kxtest::RunChild({"--die", QString::number(step), QString::number(nth), "copydir",
+                          tree.Path("in"), tree.Path("out")});
+    QVERIFY2(child.wasKilled, qPrintable(child.output));
     QCOMPARE(kxtest::Exists(tree.Path("out")), isWhole);
     QCOMPARE(kxtest::Exists(tree.Path(".out.kxnew")), !isWhole);
     if (isWhole)

@@ -8,7 +8,6 @@
 #include <kxcommon/filecopier.h>
 
 #include <QFileInfo>
-#include <QProcess>
 #include <QTest>
 
 #include <cerrno>
@@ -622,12 +621,9 @@ void TestFileCopier::FullDiskHasItsOwnCode()
 {
     TreeBuilder tree;
     tree.RandomFile("a", 3000000, 1).Dir("disk", 0777);
-    QProcess child;
-    child.start(QCoreApplication::applicationDirPath() + "/kxfilechild",
-                {"--small-disk", tree.Path("disk"), "1048576", "copyfile", tree.Path("a"),
-                 tree.Path("disk/x/b")});
-    QVERIFY(child.waitForFinished(60000));
-    const QString output = QString::fromUtf8(child.readAllStandardOutput());
+    const QString output = kxtest::RunChild({"--small-disk", tree.Path("disk"), "1048576",
+                                             "copyfile", tree.Path("a"), tree.Path("disk/x/b")})
+                               .output;
     // Where no namespace may be made, the injected failure below has to do.
     if (output != "no namespace\n") {
         QVERIFY2(output.startsWith(QStringLiteral("failed %1 ").arg(common::CopyNoSpace)),
@@ -649,11 +645,9 @@ void TestFileCopier::FileSizeLimitIsAWriteFailure()
 {
     TreeBuilder tree;
     tree.RandomFile("a", 3000000, 1);
-    QProcess child;
-    child.start(QCoreApplication::applicationDirPath() + "/kxfilechild",
-                {"--file-limit", "1000000", "copyfile", tree.Path("a"), tree.Path("b")});
-    QVERIFY(child.waitForFinished(60000));
-    const QString output = QString::fromUtf8(child.readAllStandardOutput());
+    const QString output =
+        kxtest::RunChild({"--file-limit", "1000000", "copyfile", tree.Path("a"), tree.Path("b")})
+            .output;
     QVERIFY2(output.startsWith(QStringLiteral("failed %1 ").arg(common::CopyWrite)),
              qPrintable(output));
     QCOMPARE(kxtest::Snapshot(tree.Root()).size(), 1);
