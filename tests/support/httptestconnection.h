@@ -34,6 +34,7 @@ private:
     bool AtFault() const;
     void StrikeFault();
     void WritePiece();
+    void CloseSoon();
     void Finish();
     QByteArray Read(qint64 offset, qint64 count);
 
@@ -43,6 +44,7 @@ private:
 
     // The reply being sent.
     bool answering = false;
+    bool closing = false;
     bool stalled = false;
     bool headSent = false;
     Reply reply;
