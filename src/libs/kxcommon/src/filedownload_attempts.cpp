@@ -167,7 +167,7 @@ void FileDownload::Drain()
             fetch.SetReading(false);
             return;
         }
-        const QByteArray data = fetch.Read(qMin(portion, fetch.BytesAvailable()));
+        const QByteArray data = fetch.Read(portion);
         if (data.isEmpty())
             break;
         if (data.size() > expected - accepted) {
@@ -196,9 +196,9 @@ void FileDownload::EndAttempt()
         Order(&PartialFile::Finish);
         return;
     }
-    if (error.kind == TransferError::Kind::None) {
-        // A body that ends with its connection may as well have been cut, and so may a chunked one:
-        // Qt does not always tell.
+    if (error.kind == TransferError::Kind::None || (bodyBegun && error.closed)) {
+        // Cut or complete, that cannot be told apart: a body may end with its connection, and Qt
+        // takes one that was cut for complete at times.
         RetryOrFail(
             DownloadTooSmall,
             QStringLiteral("the reply ended after %1 of %2 bytes").arg(accepted).arg(expected));

@@ -240,7 +240,14 @@ qint64 HttpFetch::BytesAvailable() const
 
 QByteArray HttpFetch::Read(qint64 most)
 {
-    return reply ? reply->read(most) : QByteArray();
+    const qint64 count = qMin(most, BytesAvailable());
+    if (count <= 0)
+        return QByteArray();
+    // A copy: what the reply hands out may share its memory with the network thread, and a small
+    // portion may sit in a large buffer.
+    QByteArray data(count, Qt::Uninitialized);
+    data.truncate(qMax<qint64>(0, reply->read(data.data(), count)));
+    return data;
 }
 
 } // namespace common::http

@@ -86,7 +86,7 @@ void HttpRequest::OnEnded()
         return;
     }
     if (fetch.Header("Transfer-Encoding").isEmpty() && body.size() < fetch.ContentLength()) {
-        Fail(HttpRequestNetwork, QStringLiteral("the reply ended after %1 of %2 bytes")
+        Fail(HttpRequestNetwork, QStringLiteral("Connection closed after %1 of %2 bytes")
                                      .arg(body.size())
                                      .arg(fetch.ContentLength()));
         return;

@@ -114,6 +114,7 @@ TransferError ErrorOf(const QNetworkReply& reply, const QNetworkAccessManager* m
         // A name that is not found is no different from a resolver that is away for a moment.
         result.kind = Kind::Network;
         result.passing = true;
+        result.closed = error == QNetworkReply::RemoteHostClosedError;
         break;
     default:
         result.kind = Kind::Network;

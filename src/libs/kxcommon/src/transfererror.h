@@ -18,7 +18,8 @@ struct TransferError
     Kind kind = Kind::None;
     /** True when the same request may succeed by itself a little later. */
     bool passing = false;
-    int status = 0; //!< of a reply whose status is the failure, else 0
+    bool closed = false; //!< the connection ended before the reply did
+    int status = 0;      //!< of a reply whose status is the failure, else 0
     /** What happened, as the end of a sentence; names the proxy where one is involved. */
     QString reason;
 };
