@@ -9,6 +9,13 @@ using kxtest::HttpTestServer;
 using kxtest::Reply;
 using namespace kxtest::download;
 
+// The large files here make the thread sanitizer forget the stacks that its suppressions look at,
+// unless it keeps a longer history. Nobody else calls this.
+extern "C" const char* __tsan_default_options()
+{
+    return "history_size=7";
+}
+
 /** Downloads that succeed, and what they leave on the disk. */
 class TestFileDownload : public DownloadTest
 {
