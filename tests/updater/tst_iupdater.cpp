@@ -70,7 +70,12 @@ QStringList Methods(const QMetaObject& meta, QMetaMethod::MethodType type)
 
 struct Fixture
 {
-    Fixture() { log.Clear(); }
+    Fixture()
+    {
+        // An empty path would be the current directory, whatever that holds.
+        updater->SetLocalPackagePath("/nowhere");
+        log.Clear();
+    }
 
     // The state after the loop has begun to run.
     QStringList Settle()

@@ -682,6 +682,9 @@ void TestPackage::GetInsideErrorStartsAnew()
     kxtest::PassTimersOf(20);
     QCOMPARE(query.trace.Lines().size(), 6);
     QCOMPARE(FakeServices::Calls("request2 Send").size(), 2);
+    // Nothing is left of the first query: it would have tried to send once more.
+    QCOMPARE(FakeServices::Calls("request1 Send").size(), 6);
+    QVERIFY(!query.log.Contains("updater.package 2 Request already running!"));
 }
 
 void TestPackage::GetInsideFailedIsNotAborted()
