@@ -7,9 +7,11 @@ namespace {
 
 volatile std::sig_atomic_t interrupted = 0;
 
-extern "C" void OnSignal(int)
+extern "C" void OnSignal(int number)
 {
     interrupted = 1;
+    // Whoever does not want to wait for the tidying asks a second time.
+    std::signal(number, SIG_DFL);
 }
 
 } // namespace
