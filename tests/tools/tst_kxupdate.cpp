@@ -171,8 +171,26 @@ void TstKxupdate::UpdateReplacesTheInstalledVersion()
     QVERIFY2(process.Status() == 0, process.Report());
     QCOMPARE(process.Output(), QStringLiteral("installed: 1.0\nserver: 2.0\nverdict: available\n"
                                               "result: updated\n"));
-    for (const char* text : {"COPYING", "DOWNLOADING", "VERIFICATION", "MOVING", "2 will be copied",
-                             "3 will be downloaded", "100%"})
+    for (const char* text : {"WAITING",
+                             "CHECKING",
+                             "QUERYING",
+                             "SCANNING",
+                             "AVAILABLE",
+                             "PREPARING",
+                             "COPYING",
+                             "DOWNLOADING",
+                             "CREATINGSYMLINKS",
+                             "VERIFICATION",
+                             "INSTALLING",
+                             "APPCALLBACK",
+                             "BACKUPREMOVING",
+                             "BACKUPING",
+                             "MOVING",
+                             "BACKUPCLEARING",
+                             "SUCCESS",
+                             "2 will be copied",
+                             "3 will be downloaded",
+                             "100%"})
         QVERIFY2(process.Errors().contains(QLatin1String(text)), process.Report());
     QCOMPARE(site.Installed(), site.Published(v2));
     QVERIFY(!kxtest::Exists(site.Backup()));
@@ -299,9 +317,9 @@ void TstKxupdate::VerifyJudgesADirectory()
 
     KxupdateProcess process;
     QVERIFY2(process.Run(site.Verify(option, tree)), process.Report());
-    QVERIFY2(process.Status() == (change.isEmpty() ? 0 : 5), process.Report());
+    QVERIFY2(process.Status() == (difference.isEmpty() ? 0 : 5), process.Report());
     QCOMPARE(process.Data(QStringLiteral("result")),
-             change.isEmpty() ? QStringLiteral("verified") : QStringLiteral("mismatch"));
+             difference.isEmpty() ? QStringLiteral("verified") : QStringLiteral("mismatch"));
     QCOMPARE(process.Data(QStringLiteral("difference")), difference);
 }
 

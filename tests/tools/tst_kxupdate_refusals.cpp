@@ -36,6 +36,7 @@ private Q_SLOTS:
     void DamagedDownloadIsNotInstalled_data();
     void DamagedDownloadIsNotInstalled();
     void ReadOnlyParentIsRefusedBeforeDownloading();
+    void UnwritableDownloadDirectoryIsRefusedBeforeDownloading();
     void TooLittleSpaceIsRefusedBeforeDownloading();
     void SecondProcessOnTheSameApplicationIsRefused();
 
@@ -221,6 +222,25 @@ void TstKxupdateRefusals::ReadOnlyParentIsRefusedBeforeDownloading()
     QVERIFY2(process.Errors().contains(QStringLiteral("cannot be written")), process.Report());
     QCOMPARE(site.Server().RequestCount(), 0);
     QCOMPARE(kxtest::Snapshot(site.Path(QStringLiteral("opt/app"))), site.Published(v1));
+}
+
+void TstKxupdateRefusals::UnwritableDownloadDirectoryIsRefusedBeforeDownloading()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    kxtest::TreeBuilder(site.Path(QStringLiteral("cache")));
+    kxtest::SetMode(site.Path(QStringLiteral("cache")), 0555);
+    KxupdateProcess process;
+    process.DropPowers();
+    const bool ended =
+        process.Run(Replace(site.Command(QStringLiteral("update")), QStringLiteral("--download"),
+                            site.Path(QStringLiteral("cache/next"))));
+    kxtest::SetMode(site.Path(QStringLiteral("cache")), 0755);
+    QVERIFY2(ended, process.Report());
+    QVERIFY2(process.Status() == 3, process.Report());
+    QVERIFY2(process.Errors().contains(site.Path(QStringLiteral("cache/next"))), process.Report());
+    QCOMPARE(site.Server().RequestCount(), 0);
 }
 
 void TstKxupdateRefusals::TooLittleSpaceIsRefusedBeforeDownloading()

@@ -242,7 +242,6 @@ void Session::ReportCheck()
 
 void Session::PrepareDownload()
 {
-    // What has been read now decides what is removed: it must not be asked for twice.
     const bool swaps = options.command == Options::Command::Update;
     const QString space =
         SpaceProblem(manifest, download.Path(), swaps ? application.Path() : QString());

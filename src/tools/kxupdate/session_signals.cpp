@@ -3,6 +3,7 @@
 #include "console.h"
 #include "errorhints.h"
 #include "packagefile.h"
+#include "paths.h"
 #include "statenames.h"
 #include "treereport.h"
 
@@ -245,9 +246,18 @@ void Session::OnVerified(bool result)
 {
     if (awaited != Awaited::Verification)
         return;
-    if (result)
+    if (!result)
+        return ReportDifferences();
+
+    // A verification leaves hidden names out, but they would be installed with the rest.
+    const bool checksDownload =
+        options.command == Options::Command::Verify && !options.download.isEmpty();
+    const QStringList hidden = checksDownload ? download.HiddenEntries() : QStringList();
+    if (hidden.isEmpty())
         return Next();
-    ReportDifferences();
+    console.Data(QStringLiteral("difference"), QStringLiteral("unexpected %1").arg(Sample(hidden)));
+    Fail(QStringLiteral("'%1' holds hidden entries that no package lists.").arg(tree),
+         ExitStatus::VerificationFailed);
 }
 
 void Session::ReportDifferences()

@@ -10,13 +10,18 @@ struct Row
 };
 
 const Row rows[] = {
+    {"WAITING", "ready", false},
+    {"CHECKING", "looking for an update", false},
     {"QUERYING", "asking the server", false},
     {"SCANNING", "reading the installed files", false},
+    {"AVAILABLE", "there is something to install", false},
+    {"ACTUAL", "there is nothing to install", false},
     {"PREPARING", "planning the new version", false},
     {"COPYING", "copying what is unchanged", false},
     {"DOWNLOADING", "downloading what is new", false},
     {"CREATINGSYMLINKS", "making symbolic links", false},
     {"VERIFICATION", "verifying the new version", false},
+    {"INSTALLING", "replacing the application", false},
     {"APPCALLBACK", "preparing the swap", false},
     {"BACKUPREMOVING", "removing an older backup", true},
     {"BACKUPING", "moving the old version aside", true},
@@ -24,6 +29,9 @@ const Row rows[] = {
     {"BACKUPCLEARING", "removing the old version", true},
     {"REVERTING", "removing the unfinished new version", true},
     {"RESTORING", "moving the old version back", true},
+    {"FAILED", "given up after an error", false},
+    {"CANCELED", "given up as asked", false},
+    {"SUCCESS", "done", false},
 };
 
 const Row* Find(const QString& name)

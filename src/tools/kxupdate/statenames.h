@@ -2,7 +2,7 @@
 
 #include <QString>
 
-/** What the updater does in the state `name`, for a message; empty for states that say nothing. */
+/** What the updater does in the state `name`, for a message; empty for an unknown name. */
 QString StateDescription(const QString& name);
 
 /** True for the states in which the application directory is being replaced: from the removal of a
