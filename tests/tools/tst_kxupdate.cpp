@@ -171,26 +171,11 @@ void TstKxupdate::UpdateReplacesTheInstalledVersion()
     QVERIFY2(process.Status() == 0, process.Report());
     QCOMPARE(process.Output(), QStringLiteral("installed: 1.0\nserver: 2.0\nverdict: available\n"
                                               "result: updated\n"));
-    for (const char* text : {"WAITING",
-                             "CHECKING",
-                             "QUERYING",
-                             "SCANNING",
-                             "AVAILABLE",
-                             "PREPARING",
-                             "COPYING",
-                             "DOWNLOADING",
-                             "CREATINGSYMLINKS",
-                             "VERIFICATION",
-                             "INSTALLING",
-                             "APPCALLBACK",
-                             "BACKUPREMOVING",
-                             "BACKUPING",
-                             "MOVING",
-                             "BACKUPCLEARING",
-                             "SUCCESS",
-                             "2 will be copied",
-                             "3 will be downloaded",
-                             "100%"})
+    for (const char* text :
+         {"CHECKING", "QUERYING", "SCANNING", "AVAILABLE", "PREPARING", "2 will be copied",
+          "3 will be downloaded", "COPYING", "DOWNLOADING", "100%", "CREATINGSYMLINKS",
+          "VERIFICATION", "INSTALLING", "APPCALLBACK", "BACKUPREMOVING", "BACKUPING", "MOVING",
+          "BACKUPCLEARING", "SUCCESS"})
         QVERIFY2(process.Errors().contains(QLatin1String(text)), process.Report());
     QCOMPARE(site.Installed(), site.Published(v2));
     QVERIFY(!kxtest::Exists(site.Backup()));
@@ -282,19 +267,20 @@ void TstKxupdate::VerifyJudgesADirectory_data()
     QTest::addColumn<QString>("change");
     QTest::addColumn<QString>("difference");
 
-    for (const QString& option : QStringList{"--app", "--download"}) {
-        const QByteArray name = option.toUtf8();
-        QTest::addRow("%s, right", name.constData()) << option << ""
-                                                     << "";
-        QTest::addRow("%s, file gone", name.constData()) << option << "remove lib/engine.bin"
-                                                         << "missing lib/engine.bin";
-        QTest::addRow("%s, file changed", name.constData()) << option << "write lib/engine.bin"
-                                                            << "changed lib/engine.bin";
-        QTest::addRow("%s, stray file", name.constData()) << option << "write lib/stray"
-                                                          << "unexpected lib/stray";
-        QTest::addRow("%s, everything gone", name.constData()) << option << "remove ."
-                                                               << "missing share/new.txt";
+    const auto row = [](const char* name, const char* option, const char* change,
+                        const char* difference) {
+        QTest::addRow("%s, %s", option, name) << option << change << difference;
+    };
+    for (const char* option : {"--app", "--download"}) {
+        row("right", option, "", "");
+        row("file gone", option, "remove lib/engine.bin", "missing lib/engine.bin");
+        row("file changed", option, "write lib/engine.bin", "changed lib/engine.bin");
+        row("stray file", option, "write lib/stray", "unexpected lib/stray");
+        row("everything gone", option, "remove .", "missing share/new.txt");
     }
+    // Users keep hidden files beside a program; in a download they would be installed.
+    row("hidden file", "--app", "write lib/.hidden", "");
+    row("hidden file", "--download", "write lib/.hidden", "unexpected lib/.hidden");
 }
 
 void TstKxupdate::VerifyJudgesADirectory()

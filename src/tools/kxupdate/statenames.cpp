@@ -10,7 +10,6 @@ struct Row
 };
 
 const Row rows[] = {
-    {"WAITING", "ready", false},
     {"CHECKING", "looking for an update", false},
     {"QUERYING", "asking the server", false},
     {"SCANNING", "reading the installed files", false},

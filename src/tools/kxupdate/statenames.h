@@ -2,7 +2,8 @@
 
 #include <QString>
 
-/** What the updater does in the state `name`, for a message; empty for an unknown name. */
+/** What the updater does in the state `name`, for a message; empty for WAITING, which is a pause
+ *  between steps, and for unknown names. */
 QString StateDescription(const QString& name);
 
 /** True for the states in which the application directory is being replaced: from the removal of a
