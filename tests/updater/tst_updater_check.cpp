@@ -171,6 +171,15 @@ void TestUpdaterCheck::CheckComparesTreeWithManifest_data()
         "several missing", [](UpdaterSite& s) { s.base.Remove("app/bin/tool").Remove("app/link"); },
         Listed("SCANNING", downloadTitle, {"bin/tool", "link"}) + changed);
     Row(
+        "the same digests in other letters",
+        [](UpdaterSite& s) {
+            updater::FileList files = kxtest::ScanForManifest(s.Path("fresh"));
+            for (updater::File& file : files)
+                file = WithDigest(file, file.MD5().toUpper());
+            s.Publish("1.0", files);
+        },
+        Listed("SCANNING", downloadTitle, {"bin/tool", "link", "program"}) + changed);
+    Row(
         "several extra", [](UpdaterSite& s) { s.base.File("app/y", "").Symlink("app/x", "y"); },
         Listed("SCANNING", deleteTitle, {"x", "y"}) + changed);
 }

@@ -412,6 +412,22 @@ void TestUpdaterFlows::FlowGoesAsItShould_data()
                Failed({"VERIFICATION", "PREPARING"})
         << OldTree() << none << withStray;
 
+    // Letters count in the comparison, so such a manifest can never be met.
+    QTest::newRow("digests in capital letters")
+        << Setup([](UpdaterSite& s) {
+               s.base.File("app/a", "a").File("fresh/a", "a");
+               const updater::File file = ScanForManifest(s.Path("fresh")).first();
+               s.Publish("2.0", {updater::File(file.Name(), file.MD5().toUpper(), file.Size(),
+                                               file.PermissionsString(), {})});
+           })
+        << Steps{{"Check", "AVAILABLE"}, {"Download", "FAILED"}} << QStringList{}
+        << UntilScanned("WAITING") + Listed("SCANNING", downloadTitle, {"a"}) + NewVersion("2.0") +
+               Planned(0, 1, 0, 1) + NothingToCopy() + Downloaded() + NothingToLink() +
+               Entered("VERIFICATION") + Listed("VERIFICATION", downloadTitle, {"a"}) +
+               QStringList{"error(600405, Verification failed)"} +
+               Failed({"VERIFICATION", "PREPARING"})
+        << QStringList{FileLine("a", "a")} << none << QStringList{FileLine("a", "a")};
+
     QTest::newRow("a file is not on the server") << Setup([](UpdaterSite& s) {
         BuildOld(s);
         s.base.File("fresh/same", "same").Symlink("fresh/link", "same").File("fresh/new", "n");

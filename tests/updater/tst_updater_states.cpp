@@ -276,6 +276,8 @@ private Q_SLOTS:
     void StartsWaitingOnceTheEventLoopRuns();
     void CommandsBeforeTheEventLoopAreLost();
     void CancelAfterSuccessRestarts();
+    void CancelTwiceRestartsOnce_data();
+    void CancelTwiceRestartsOnce();
     void StoppedMachineIgnoresEverythingButCancel();
     void RestartedMachineChecksAgain();
     void CommandsInsideSignalsAct();
@@ -558,6 +560,31 @@ void TestUpdaterStates::CancelAfterSuccessRestarts()
              (QStringList{"7 SUCCESS: <<<--- CANCEL", "7 SUCCESS: Restarting state machine..."} +
               EntryOf("WAITING")));
     QVERIFY(kxtest::CheckTimerOf(updater)->isActive());
+}
+
+void TestUpdaterStates::CancelTwiceRestartsOnce_data()
+{
+    QTest::addColumn<bool>("stopped");
+    QTest::newRow("after SUCCESS") << true;
+    QTest::newRow("before the event loop runs") << false;
+}
+
+void TestUpdaterStates::CancelTwiceRestartsOnce()
+{
+    QFETCH(bool, stopped);
+    QTest::failOnWarning(QRegularExpression("."));
+    Journal journal;
+    StepUpdater updater(journal);
+    journal.Trace(&updater);
+    if (stopped)
+        QVERIFY(GoTo(updater, journal, "SUCCESS"));
+    journal.Clear();
+    updater.Cancel();
+    updater.Cancel();
+    QTRY_COMPARE_WITH_TIMEOUT(journal.State(), "WAITING", waitMs);
+    kxtest::PassTimersOf(0);
+    QCOMPARE(journal.States(), QStringList{"WAITING"});
+    QCOMPARE(journal.Count("waiting()"), 1);
 }
 
 void TestUpdaterStates::StoppedMachineIgnoresEverythingButCancel()
