@@ -419,8 +419,8 @@ void TestUpdaterSwap::FailWith(const char* state, std::function<void()> action)
 
 void TestUpdaterSwap::BackupThatCannotBeRemovedLeavesTheApplication()
 {
+    rig.reset();
     const kxtest::DroppedRights rights;
-    rig.reset(); // one log at a time
     rig = std::make_unique<UpdaterRig>();
     Trees();
     TreeBuilder(rig->Backup()).File("stale/one", "1").File("stale/two", "2");
@@ -483,8 +483,8 @@ void TestUpdaterSwap::BackupPathThatIsTakenLeavesTheApplication()
 
 void TestUpdaterSwap::ApplicationThatCannotBeMovedStays()
 {
+    rig.reset();
     const kxtest::DroppedRights rights;
-    rig.reset(); // one log at a time
     rig = std::make_unique<UpdaterRig>();
     Trees();
     FailWith("BACKUPING", [this] { kxtest::SetMode(rig->Root(), 0555); });
@@ -572,8 +572,8 @@ void TestUpdaterSwap::FailedCopyWithoutABackupEndsWithNothingToRestore()
 
 void TestUpdaterSwap::ApplicationThatCannotBeRemovedKeepsTheBackup()
 {
+    rig.reset();
     const kxtest::DroppedRights rights;
-    rig.reset(); // one log at a time
     rig = std::make_unique<UpdaterRig>();
     Trees();
     QCOMPARE(mkfifo(QFile::encodeName(rig->Next() + "/new/fifo").constData(), 0644), 0);
@@ -616,8 +616,8 @@ void TestUpdaterSwap::ApplicationThatReappearsKeepsTheBackup()
 
 void TestUpdaterSwap::BackupThatCannotBeMovedBackStays()
 {
+    rig.reset();
     const kxtest::DroppedRights rights;
-    rig.reset(); // one log at a time
     rig = std::make_unique<UpdaterRig>();
     Trees();
     QCOMPARE(mkfifo(QFile::encodeName(rig->Next() + "/new/fifo").constData(), 0644), 0);
@@ -636,8 +636,8 @@ void TestUpdaterSwap::BackupThatCannotBeMovedBackStays()
 
 void TestUpdaterSwap::BackupThatCannotBeClearedIsASuccess()
 {
+    rig.reset();
     const kxtest::DroppedRights rights;
-    rig.reset(); // one log at a time
     rig = std::make_unique<UpdaterRig>();
     Trees();
     FailWith("BACKUPCLEARING", [this] { kxtest::SetMode(rig->Root(), 0555); });
