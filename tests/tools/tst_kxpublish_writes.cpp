@@ -42,8 +42,8 @@ public:
     /** Adds links to the tree that are warned of. */
     HeldRun(TreeBuilder& tree, const QString& pipePath, const QStringList& arguments)
     {
-        for (int i = 0; i < 2000; ++i)
-            tree.Symlink(S("warned/%1").arg(i, 60, 10, QLatin1Char('0')), S("missing"));
+        for (int i = 0; i < 400; ++i)
+            tree.Symlink(S("warned/%1").arg(i, 250, 10, QLatin1Char('0')), S("missing"));
         const QByteArray path = pipePath.toUtf8();
         ::mkfifo(path.constData(), 0644);
         pipe = ::open(path.constData(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
