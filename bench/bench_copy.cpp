@@ -13,16 +13,15 @@ void Sizes(benchmark::internal::Benchmark* benchmark)
 {
     benchmark->Args({20000, 4096})->Args({4, 256 << 20});
     benchmark->ArgNames({"files", "bytes"})->Unit(benchmark::kMillisecond)->UseRealTime();
-    benchmark->Iterations(1)->Repetitions(5)->ReportAggregatesOnly();
+    benchmark->Iterations(1)->Repetitions(3)->ReportAggregatesOnly();
 }
 
 struct Source
 {
     explicit Source(const benchmark::State& state)
-        : from(workspace.Path(QStringLiteral("from"))), to(workspace.Path(QStringLiteral("to")))
+        : from(kxbench::SharedTree(state.range(0), state.range(1))),
+          to(workspace.Path(QStringLiteral("to")))
     {
-        kxbench::MakeTree(from, state.range(0), state.range(1));
-        kxbench::RunPeer(QStringLiteral("sync"), {QStringLiteral("-f"), from});
     }
 
     const kxbench::Workspace workspace;

@@ -17,14 +17,13 @@ void Sizes(benchmark::internal::Benchmark* benchmark)
 {
     benchmark->Args({2000, 4096})->Args({1, 512 << 20});
     benchmark->ArgNames({"files", "bytes"})->Unit(benchmark::kMillisecond)->UseRealTime();
-    benchmark->Iterations(1)->Repetitions(5)->ReportAggregatesOnly();
+    benchmark->Iterations(1)->Repetitions(3)->ReportAggregatesOnly();
 }
 
 struct Served
 {
-    Served(qint64 count, qint64 size) : root(workspace.Path(QStringLiteral("tree"))), server(root)
+    Served(qint64 count, qint64 size) : root(kxbench::SharedTree(count, size)), server(root)
     {
-        kxbench::MakeTree(root, count, size);
         files = kxtest::ScanForManifest(root);
         if (!server.Start())
             qFatal("%s", qPrintable(server.Error()));
@@ -63,10 +62,10 @@ void DownloadCurl(benchmark::State& state)
     kxtest::Write(configPath, config);
     for (auto _ : state) {
         kxbench::RunPeer(QStringLiteral("curl"),
-                         {QStringLiteral("--silent"), QStringLiteral("--fail"),
-                          QStringLiteral("--create-dirs"), QStringLiteral("--parallel"),
-                          QStringLiteral("--parallel-max"), QStringLiteral("4"),
-                          QStringLiteral("--config"), configPath});
+                         {QStringLiteral("--silent"), QStringLiteral("--no-progress-meter"),
+                          QStringLiteral("--fail"), QStringLiteral("--create-dirs"),
+                          QStringLiteral("--parallel"), QStringLiteral("--parallel-max"),
+                          QStringLiteral("4"), QStringLiteral("--config"), configPath});
     }
     state.SetBytesProcessed(state.iterations() * state.range(0) * state.range(1));
 }

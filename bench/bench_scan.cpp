@@ -12,14 +12,12 @@ void Sizes(benchmark::internal::Benchmark* benchmark)
 {
     benchmark->Args({20000, 4096})->Args({4, 256 << 20});
     benchmark->ArgNames({"files", "bytes"})->Unit(benchmark::kMillisecond)->UseRealTime();
-    benchmark->Iterations(1)->Repetitions(5)->ReportAggregatesOnly();
+    benchmark->Iterations(1)->Repetitions(3)->ReportAggregatesOnly();
 }
 
 void ScanKxupdater(benchmark::State& state)
 {
-    const kxbench::Workspace workspace;
-    const QString root = workspace.Path(QStringLiteral("tree"));
-    kxbench::MakeTree(root, state.range(0), state.range(1));
+    const QString root = kxbench::SharedTree(state.range(0), state.range(1));
     for (auto _ : state) {
         updater::FileScanner scanner(root);
         scanner.Scan();
@@ -32,9 +30,7 @@ void ScanKxupdater(benchmark::State& state)
 
 void ScanMd5sum(benchmark::State& state)
 {
-    const kxbench::Workspace workspace;
-    const QString root = workspace.Path(QStringLiteral("tree"));
-    kxbench::MakeTree(root, state.range(0), state.range(1));
+    const QString root = kxbench::SharedTree(state.range(0), state.range(1));
     for (auto _ : state) {
         kxbench::RunPeer(QStringLiteral("sh"),
                          {QStringLiteral("-c"),

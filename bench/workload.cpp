@@ -7,6 +7,10 @@
 #include <QProcess>
 #include <QRandomGenerator>
 
+#include <map>
+#include <memory>
+#include <utility>
+
 namespace kxbench {
 namespace {
 
@@ -39,6 +43,21 @@ void MakeTree(const QString& root, qint64 count, qint64 size, quint32 seed)
     kxtest::TreeBuilder tree(root);
     for (qint64 i = 0; i < count; ++i)
         tree.RandomFile(NameOf(i), size, seed + static_cast<quint32>(i));
+}
+
+QString SharedTree(qint64 count, qint64 size)
+{
+    static std::map<std::pair<qint64, qint64>, std::unique_ptr<Workspace>> trees;
+    std::unique_ptr<Workspace>& workspace = trees[{count, size}];
+    const bool isNew = !workspace;
+    if (isNew)
+        workspace = std::make_unique<Workspace>();
+    const QString root = workspace->Path(QStringLiteral("tree"));
+    if (isNew) {
+        MakeTree(root, count, size);
+        RunPeer(QStringLiteral("sync"), {QStringLiteral("-f"), root});
+    }
+    return root;
 }
 
 void ChangeTree(const QString& root, qint64 count, qint64 size, qint64 step)

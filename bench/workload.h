@@ -26,6 +26,10 @@ private:
 /** Fills `root` with `count` files of `size` bytes, 100 to a directory. */
 void MakeTree(const QString& root, qint64 count, qint64 size, quint32 seed = 1);
 
+/** The root of such a tree that all cases share and none changes: made at the first call and
+ * brought to disk, removed when the process ends. */
+QString SharedTree(qint64 count, qint64 size);
+
 /** Gives every `step`-th file of such a tree other content. */
 void ChangeTree(const QString& root, qint64 count, qint64 size, qint64 step);
 
