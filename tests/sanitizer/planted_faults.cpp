@@ -13,20 +13,23 @@ namespace {
 
 int counter;
 
-void Race()
+class Counter : public QThread
 {
-    const auto count = [] {
+    void run() override
+    {
         for (int i = 0; i < 100000; ++i)
             ++counter;
-    };
-    QThread* first = QThread::create(count);
-    QThread* second = QThread::create(count);
-    first->start();
-    second->start();
-    first->wait();
-    second->wait();
-    delete first;
-    delete second;
+    }
+};
+
+void Race()
+{
+    Counter first;
+    Counter second;
+    first.start();
+    second.start();
+    first.wait();
+    second.wait();
 }
 
 // Strings and functors go to and fro between two threads: ordered by Qt, hence no fault.

@@ -36,7 +36,10 @@ void LogCapture::Log(const common::logger::IMessage& message)
 QVector<LogRecord> LogCapture::Records() const
 {
     const QMutexLocker lock(&mutex);
-    return records;
+    // Shared with the caller, the list would be read outside the lock.
+    QVector<LogRecord> copy = records;
+    copy.detach();
+    return copy;
 }
 
 QStringList LogCapture::Lines() const
