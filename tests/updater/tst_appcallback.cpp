@@ -1,5 +1,6 @@
 #include "logcapture.h"
 #include "signaltrace.h"
+#include "treebuilder.h"
 #include "vtableindex.h"
 #include "wiringguard.h"
 
@@ -14,7 +15,6 @@
 #include <atomic>
 #include <limits>
 #include <memory>
-#include <thread>
 #include <type_traits>
 
 using updater::AppCallback;
@@ -33,12 +33,15 @@ public:
         entered.release();
         if (blocks)
             mayReturn.acquire();
+        for (int i = 0; i < rounds; ++i)
+            kxtest::MD5Of(kxtest::RandomBytes(10'000, i));
         returned = true;
         return code;
     }
 
     int code = 0;
     bool blocks = false;
+    int rounds = 0; // of work after it was released
     QStringList calls;
     QThread* thread = nullptr;
     QSemaphore entered;
@@ -166,17 +169,28 @@ void TestAppCallback::EventLoopRunsWhileTheCallbackWorks()
 
 void TestAppCallback::DeletionWaitsForTheCallback()
 {
-    Callback callback;
-    callback.blocks = true;
-    auto thread = std::make_unique<AppCallback>(nullptr);
-    thread->callback = &callback;
+    // Lets the callback go on only when the thread object is already being destroyed.
+    class Released : public AppCallback
+    {
+    public:
+        explicit Released(Callback* blocked) : AppCallback(nullptr), blocked(blocked)
+        {
+            callback = blocked;
+        }
+        ~Released() override { blocked->mayReturn.release(); }
+        Callback* blocked;
+    };
+    Callback blocked;
+    blocked.blocks = true;
+    blocked.rounds = 200;
+    auto thread = std::make_unique<Released>(&blocked);
+    kxtest::SignalTrace trace(thread.get());
     thread->start(QThread::InheritPriority);
-    callback.entered.acquire();
-    // Nothing but the helper can end the wait, so the order is decided without a clock.
-    std::thread helper([&callback] { callback.mayReturn.release(); });
+    blocked.entered.acquire();
+    QVERIFY(!blocked.returned);
     thread.reset();
-    QVERIFY(callback.returned);
-    helper.join();
+    QVERIFY(blocked.returned);
+    QCOMPARE(trace.Only({"result"}), QStringList{"result(0)"});
 }
 
 void TestAppCallback::DeletionBeforeTheStartDoesNotWait()
