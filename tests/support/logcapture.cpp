@@ -30,16 +30,13 @@ void LogCapture::Log(const common::logger::IMessage& message)
     record.line = message.Line();
     record.thread = QThread::currentThreadId();
     const QMutexLocker lock(&mutex);
-    records << record;
+    records.push_back(record);
 }
 
 QVector<LogRecord> LogCapture::Records() const
 {
     const QMutexLocker lock(&mutex);
-    // Shared with the caller, the list would be read outside the lock.
-    QVector<LogRecord> copy = records;
-    copy.detach();
-    return copy;
+    return QVector<LogRecord>(records.cbegin(), records.cend());
 }
 
 QStringList LogCapture::Lines() const
@@ -63,7 +60,7 @@ QStringList LogCapture::Lines(const QString& category) const
 LogRecord LogCapture::Last() const
 {
     const QMutexLocker lock(&mutex);
-    return records.isEmpty() ? LogRecord() : records.last();
+    return records.empty() ? LogRecord() : records.back();
 }
 
 int LogCapture::Count(const QString& line) const

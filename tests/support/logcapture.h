@@ -7,6 +7,8 @@
 #include <QStringList>
 #include <QVector>
 
+#include <vector>
+
 namespace kxtest {
 
 /** One message as the logger saw it. */
@@ -53,7 +55,7 @@ private:
 
     common::logger::ILogger* previous;
     mutable QMutex mutex;
-    QVector<LogRecord> records; // guarded by mutex
+    std::vector<LogRecord> records; // guarded by mutex; not shared with what Records() returns
 };
 
 } // namespace kxtest

@@ -51,7 +51,7 @@ int SignalTrace::qt_metacall(QMetaObject::Call call, int id, void** arguments)
                                                       texts.join(QStringLiteral(", ")));
     {
         const QMutexLocker lock(&mutex);
-        lines << line;
+        lines.push_back(line);
     }
     if (hook)
         hook(line);
@@ -61,7 +61,7 @@ int SignalTrace::qt_metacall(QMetaObject::Call call, int id, void** arguments)
 QStringList SignalTrace::Lines() const
 {
     const QMutexLocker lock(&mutex);
-    return lines;
+    return QStringList(lines.cbegin(), lines.cend());
 }
 
 QStringList SignalTrace::Filtered(const QStringList& names, bool wanted) const
@@ -97,7 +97,7 @@ int SignalTrace::CountOf(const QString& name) const
 QString SignalTrace::Last() const
 {
     const QMutexLocker lock(&mutex);
-    return lines.isEmpty() ? QString() : lines.last();
+    return lines.empty() ? QString() : lines.back();
 }
 
 void SignalTrace::Clear()

@@ -7,6 +7,7 @@
 #include <QStringList>
 
 #include <functional>
+#include <vector>
 
 namespace kxtest {
 
@@ -43,7 +44,7 @@ private:
     const QMetaObject* meta; // of the traced object, good inside its destructor too
     std::function<void(const QString& line)> hook;
     mutable QMutex mutex;
-    QStringList lines; // guarded by mutex
+    std::vector<QString> lines; // guarded by mutex; not shared with what Lines() returns
 };
 
 } // namespace kxtest
