@@ -172,8 +172,9 @@ void TestIUpdater::MisspeltNamesAreTheOnlyOnes()
     QCOMPARE(meta.indexOfSignal("preparing()"), -1);
     QCOMPARE(meta.indexOfSignal("updateRequired()"), -1);
     Fixture fixture;
-    QVERIFY(connect(fixture.updater.get(), SIGNAL(prepairing()), this, SLOT(deleteLater())));
-    QVERIFY(connect(fixture.updater.get(), SIGNAL(updateRequered()), this, SLOT(deleteLater())));
+    QObject host;
+    QVERIFY(connect(fixture.updater.get(), SIGNAL(prepairing()), &host, SLOT(deleteLater())));
+    QVERIFY(connect(fixture.updater.get(), SIGNAL(updateRequered()), &host, SLOT(deleteLater())));
 }
 
 void TestIUpdater::VirtualOperationsKeepTheirOrder()
