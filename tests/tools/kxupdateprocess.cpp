@@ -25,6 +25,11 @@ KxupdateProcess::KxupdateProcess()
     environment.insert(QStringLiteral("PATH"), QStringLiteral("/usr/bin:/bin"));
     environment.insert(QStringLiteral("TERM"), QStringLiteral("xterm"));
     environment.insert(QStringLiteral("HOME"), QStringLiteral("/nonexistent"));
+    const QProcessEnvironment own = QProcessEnvironment::systemEnvironment();
+    for (const char* name : {"ASAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
+        if (own.contains(QLatin1String(name)))
+            environment.insert(QLatin1String(name), own.value(QLatin1String(name)));
+    }
 }
 
 KxupdateProcess::~KxupdateProcess()
