@@ -27,6 +27,7 @@ private Q_SLOTS:
     void ServerFailureIsExplained();
     void ServerKilledInTheTransferIsGoneOnWithLater();
     void PackageMissingFromTheManifestIsNotUpToDate();
+    void PackageThatCannotBeVerifiedNamesTheFile();
 
     void InterruptEndsTheCommand_data();
     void InterruptEndsTheCommand();
@@ -142,6 +143,26 @@ void TstKxupdateFailures::PackageMissingFromTheManifestIsNotUpToDate()
     QVERIFY2(process.Status() == 6, process.Report());
     QVERIFY2(process.Errors().contains(QStringLiteral("lists no files of the package 'hello'")),
              process.Report());
+}
+
+void TstKxupdateFailures::PackageThatCannotBeVerifiedNamesTheFile()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    // A transfer takes digests in either case, a comparison letter for letter.
+    const QString path = site.Path(QStringLiteral("server")) + site.ManifestPath(v2);
+    const QByteArray digest =
+        kxtest::MD5OfFile(site.Tree(v2) + QStringLiteral("/share/new.txt")).toLatin1();
+    QVERIFY(digest != digest.toUpper());
+    kxtest::Write(path, kxtest::Read(path).replace(digest, digest.toUpper()));
+
+    KxupdateProcess process;
+    QVERIFY2(process.Run(site.Command(QStringLiteral("update"))), process.Report());
+    QVERIFY2(process.Status() == 5, process.Report());
+    QCOMPARE(process.Data(QStringLiteral("difference")), QStringLiteral("changed share/new.txt"));
+    QVERIFY2(process.Errors().contains(QStringLiteral("Error 600405")), process.Report());
+    QCOMPARE(site.Installed(), site.Published(v1));
 }
 
 void TstKxupdateFailures::InterruptEndsTheCommand_data()
