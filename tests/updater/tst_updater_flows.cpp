@@ -76,6 +76,17 @@ const QStringList& NewTree()
 
 const QStringList none{"(missing)"};
 
+/** MOVING fails, and the backup goes back. */
+QStringList RolledBack(const QString& error)
+{
+    return Entered("MOVING") + QStringList{error} + Exited({"MOVING"}) +
+           Idle("REVERTING", "7 Nothing to remove in '~/app'!", "revertingComplete()") +
+           Entered("RESTORING") +
+           QStringList{"3 RESTORING: Update failed! Restored from '~/app.old'!",
+                       "error(600410, Update failed! Restored from '~/app.old'!)"} +
+           Failed({"RESTORING", "INSTALLING"});
+}
+
 /** Steady(), with the texts of the services left to their own tests, and without the progress of
  *  the states whose work fails: how far it comes is a matter of luck. */
 QStringList Comparable(const Journal& journal, const QStringList& failing)
@@ -214,6 +225,21 @@ void TestUpdaterFlows::FlowGoesAsItShould_data()
                                           Succeeded({"ACTUAL", "CHECKING"})
                                    << QStringList{FileLine("same", "same")} << none << none;
 
+    QTest::newRow("the check timer fires")
+        << Setup([](UpdaterSite& s) {
+               s.base.File("app/same", "same").File("fresh/same", "same");
+               s.Publish("2.0");
+               s.Command("Cancel");
+               s.updater->SetCheckInterval(0);
+               s.journal.Clear();
+           })
+        << Steps{{"Wait", "ACTUAL"}} << QStringList{}
+        << QStringList{"7 CANCELED: <<<--- WAIT", "wait()"} + Exited({"CANCELED"}) +
+               Entered("WAITING") + Exited({"WAITING"}) + Entered("CHECKING") +
+               Entered("QUERYING") + QStringList{"packageReady()"} + Exited({"QUERYING"}) +
+               Entered("SCANNING") + BecameActual()
+        << QStringList{FileLine("same", "same")} << none << none;
+
     QTest::newRow("only links differ")
         << Setup([](UpdaterSite& s) {
                BuildOld(s);
@@ -329,13 +355,6 @@ void TestUpdaterFlows::FlowGoesAsItShould_data()
         << InstallBegun() + NoCallback() + NoStaleBackup() + BackedUp() + Moved() + BackupCleared()
         << NewTree() << none << NewTree();
 
-    const QStringList rolledBack =
-        Entered("MOVING") + QStringList{"error(610308)"} + Exited({"MOVING"}) +
-        Idle("REVERTING", "7 Nothing to remove in '~/app'!", "revertingComplete()") +
-        Entered("RESTORING") +
-        QStringList{"3 RESTORING: Update failed! Restored from '~/app.old'!",
-                    "error(600410, Update failed! Restored from '~/app.old'!)"} +
-        Failed({"RESTORING", "INSTALLING"});
     QStringList withPipe = NewTree() + QStringList{"zpipe special 600"};
     withPipe.sort();
     QTest::newRow("moving fails") << Setup([ready](UpdaterSite& s) {
@@ -344,7 +363,7 @@ void TestUpdaterFlows::FlowGoesAsItShould_data()
     }) << Steps{{"Install", "FAILED"}}
                                   << QStringList{"MOVING"}
                                   << InstallBegun() + NoCallback() + NoStaleBackup() + BackedUp() +
-                                         rolledBack
+                                         RolledBack("error(610308)")
                                   << OldTree() << none << withPipe;
 
     QTest::newRow("moving fails with nothing to go back to")
@@ -376,6 +395,23 @@ void TestUpdaterFlows::FlowGoesAsItShould_data()
         << InstallBegun() + NoCallback() + NoStaleBackup() + BackedUp() + Moved() +
                Entered("BACKUPCLEARING") + QStringList{"error(610404)"} + Installed()
         << NewTree() << OldTree() << NewTree();
+
+    QTest::newRow("removing a stale backup fails")
+        << Setup([ready](UpdaterSite& s) {
+               ready(s);
+               s.base.File("app.old/stale", "x");
+               qputenv("HOME", s.Path("app.old").toLocal8Bit());
+           })
+        << Steps{{"Install", "FAILED"}} << QStringList{"BACKUPREMOVING"}
+        << InstallBegun() + NoCallback() + Entered("BACKUPREMOVING") +
+               QStringList{"error(610404)"} + Failed({"BACKUPREMOVING", "INSTALLING"})
+        << OldTree() << QStringList{FileLine("stale", "x")} << NewTree();
+
+    QTest::newRow("nothing was downloaded")
+        << Setup(BuildOld) << Steps{{"Install", "FAILED"}} << QStringList{"MOVING"}
+        << InstallBegun() + NoCallback() + NoStaleBackup() + BackedUp() +
+               RolledBack("error(610301)")
+        << OldTree() << none << none;
 
     const QString noRename = "Cannot rename directory '~/app' to '~/app.old'!";
     QTest::newRow("the application directory cannot be moved")
