@@ -74,6 +74,8 @@ private Q_SLOTS:
     void CopyKeepsModes();
     void FileThatVanishesBeforeItsCopyFails();
     void CopierThatCannotBeMadeFails();
+    void CutCopyIsMadeAgain();
+    void CopyThatCannotBeWrittenFails();
 
     // downloading
     void RightFileIsNotFetchedAgain();
@@ -82,6 +84,9 @@ private Q_SLOTS:
     void FailedDownloadPassesItsCodeAndKeepsTheRest();
     void DownloaderThatCannotBeMadeFails();
     void CutRunIsResumed();
+    void DownloadThatCannotBeWrittenFails();
+    void NameThatIsTooLongFails();
+    void TwoUpdatersDoNotShareATransfer();
 
     // links
     void OccupiedLinkPathIsCleared_data();
@@ -362,6 +367,57 @@ void TestUpdaterAssemble::CopierThatCannotBeMadeFails()
     QVERIFY(rig->Logged("2 COPYING: Failed to create copier!"));
 }
 
+void TestUpdaterAssemble::CutCopyIsMadeAgain()
+{
+    TreeBuilder app(rig->App());
+    TreeBuilder tree;
+    for (int i = 0; i < 1000; ++i) {
+        app.File(QStringLiteral("dir/%1").arg(i), "content");
+        tree.File(QStringLiteral("dir/%1").arg(i), "content");
+    }
+    app.RandomFile("large", 4 << 20, 1);
+    tree.RandomFile("large", 4 << 20, 1).File("new", "new");
+    rig->Publish("2.0", tree.Root());
+    rig->Start();
+    const QStringList before = rig->Surroundings();
+    for (int cut = 0; cut < 5; ++cut) {
+        QVERIFY(rig->Check());
+        rig->updater->Download();
+        QVERIFY(rig->Reach("COPYING"));
+        for (int rounds = 0; rounds < cut; ++rounds)
+            QCoreApplication::processEvents();
+        rig->updater->Cancel();
+        QCOMPARE(rig->State(), QString("CANCELED"));
+    }
+    QVERIFY(rig->Assemble());
+    QCOMPARE(Snapshot(rig->Next()), Snapshot(tree.Root()));
+    QCOMPARE(rig->Surroundings(), before);
+}
+
+void TestUpdaterAssemble::CopyThatCannotBeWrittenFails()
+{
+    TreeBuilder(rig->App()).RandomFile("large", 3 << 20, 1);
+    TreeBuilder tree;
+    tree.RandomFile("large", 3 << 20, 1).File("new", "new");
+    rig->Publish("2.0", tree.Root());
+    std::optional<kxtest::FileSizeLimit> limit;
+    rig->AtState("COPYING", [&] { limit.emplace(1 << 20); });
+    rig->AtState("FAILED", [&] { limit.reset(); });
+    rig->Start();
+    const QStringList before = rig->Surroundings();
+    QVERIFY(rig->Assemble("FAILED"));
+    QCOMPARE(rig->Errors().size(), 1);
+    QVERIFY2(rig->Errors().first().startsWith(QStringLiteral("error(%1, ").arg(common::CopyWrite)),
+             qPrintable(rig->Errors().first()));
+    QVERIFY2(rig->Errors().first().contains("large"), qPrintable(rig->Errors().first()));
+    QVERIFY(!QFile::exists(rig->Next() + "/large"));
+    QCOMPARE(rig->Surroundings(), before);
+
+    rig->AtState("COPYING", {});
+    QVERIFY(rig->Assemble());
+    QCOMPARE(Snapshot(rig->Next()), Snapshot(tree.Root()));
+}
+
 void TestUpdaterAssemble::RightFileIsNotFetchedAgain()
 {
     TreeBuilder tree;
@@ -467,6 +523,72 @@ void TestUpdaterAssemble::CutRunIsResumed()
     QCOMPARE(request.Header("Range"), "bytes=" + QByteArray::number(kept) + "-");
     QVERIFY(!request.HasHeader("If-Range"));
     QCOMPARE(Read(rig->Next() + "/dir/big"), content);
+    QCOMPARE(PartialsBelow(rig->Next()), QStringList());
+}
+
+void TestUpdaterAssemble::DownloadThatCannotBeWrittenFails()
+{
+    TreeBuilder tree;
+    tree.RandomFile("large", 3 << 20, 1);
+    rig->Publish("2.0", tree.Root());
+    std::optional<kxtest::FileSizeLimit> limit;
+    rig->AtState("DOWNLOADING", [&] { limit.emplace(1 << 20); });
+    rig->AtState("FAILED", [&] { limit.reset(); });
+    rig->Start();
+    QVERIFY(rig->Assemble("FAILED"));
+    QCOMPARE(rig->Errors().size(), 1);
+    QVERIFY2(
+        rig->Errors().first().startsWith(QStringLiteral("error(%1, ").arg(common::DownloadWrite)),
+        qPrintable(rig->Errors().first()));
+    QVERIFY(!QFile::exists(rig->Next() + "/large"));
+
+    rig->AtState("DOWNLOADING", {});
+    QVERIFY(rig->Assemble());
+    QCOMPARE(Snapshot(rig->Next()), Snapshot(tree.Root()));
+}
+
+void TestUpdaterAssemble::NameThatIsTooLongFails()
+{
+    const QString name = "dir/" + QString(256, 'n');
+    rig->PublishRecords("2.0", {FileRecord(name, "content")});
+    rig->server.SetBody(UpdaterRig::FilePath("2.0", name), "content");
+    rig->Start();
+    const QStringList before = rig->Surroundings();
+    QVERIFY(rig->Assemble("FAILED"));
+    QCOMPARE(rig->Errors().size(), 1);
+    QVERIFY2(rig->Errors().first().contains(name), qPrintable(rig->Errors().first()));
+    QCOMPARE(Snapshot(rig->Next()).filter("nnn"), PartialsBelow(rig->Next()));
+    QCOMPARE(rig->Surroundings(), before);
+}
+
+void TestUpdaterAssemble::TwoUpdatersDoNotShareATransfer()
+{
+    const QByteArray content = kxtest::RandomBytes(200000, 1);
+    const QString path = UpdaterRig::FilePath("2.0", "file");
+    rig->PublishRecords("2.0", {FileRecord("file", content)});
+    rig->server.SetBody(path, content);
+    rig->server.Enqueue(path, Reply::StallAfter(100000));
+    rig->Start();
+    QVERIFY(rig->Check());
+    rig->updater->Download();
+    QVERIFY(kxtest::WaitFor([&] { return rig->server.StalledCount() == 1; }));
+
+    const std::unique_ptr<updater::Updater> second(rig->Make());
+    kxtest::SignalTrace trace(second.get());
+    QVERIFY(kxtest::WaitFor([&] { return trace.Last() == "waiting()"; }));
+    second->Check();
+    QVERIFY(kxtest::WaitFor([&] { return trace.Last() == "available()"; }));
+    second->Download();
+    QVERIFY(kxtest::WaitFor([&] { return trace.Last() == "failed()"; }));
+    const QStringList errors = trace.Only({"error"});
+    QCOMPARE(errors.size(), 1);
+    QVERIFY2(errors.first().startsWith(QStringLiteral("error(%1, ").arg(common::DownloadBusy)),
+             qPrintable(errors.first()));
+
+    rig->server.ReleaseStalled();
+    QVERIFY(rig->Reach({"SUCCESS", "FAILED"}));
+    QCOMPARE(rig->Errors(), QStringList());
+    QCOMPARE(Read(rig->Next() + "/file"), content);
     QCOMPARE(PartialsBelow(rig->Next()), QStringList());
 }
 
@@ -674,12 +796,14 @@ void TestUpdaterAssemble::StalePartialsAreRemoved()
 
 void TestUpdaterAssemble::StalePartialIsRemovedWithNothingToDownload()
 {
-    TreeBuilder(rig->App()).File("same", "same");
+    TreeBuilder(rig->App()).File("same", "same").Symlink("kept", "same");
     TreeBuilder tree;
-    tree.File("same", "same").Symlink("link", "same");
+    tree.File("same", "same").Symlink("link", "same").Symlink("kept", "same");
     rig->Publish("2.0", tree.Root());
-    kxtest::Write(rig->Scratch("x") + "/y", "");
-    TreeBuilder(rig->Next()).File(".link.kx.part", "stale").File(".same.kx.part", "stale");
+    TreeBuilder(rig->Next())
+        .File(".link.kx.part", "stale")
+        .File(".same.kx.part", "stale")
+        .File(".kept.kx.part", "stale");
     QVERIFY(common::http::IsPartialFileName(".link.kx.part"));
     rig->Start();
     QVERIFY(rig->Assemble());
@@ -833,6 +957,7 @@ void BadNames()
     QTest::newRow("carriage return") << "ev\ril";
     QTest::newRow("tabulator") << "ev\til";
     QTest::newRow("delete character") << QString("ev") + QChar(0x7f) + "il";
+    QTest::newRow("control character beyond ASCII") << QString("ev") + QChar(0x85) + "il";
     QTest::newRow("empty name") << "";
     QTest::newRow("separator at the end") << "evil/";
 }

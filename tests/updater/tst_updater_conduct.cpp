@@ -67,10 +67,18 @@ const ActionRow actions[] = {
 };
 
 /** Whole ways of an updater, and what makes them go where they go. */
-const char* const roads[] = {"update",          "actual",      "failed check",
-                             "failed download", "failed copy", "rolled back install",
-                             "refused install", "given up",    "local verification",
-                             "repair"};
+const char* const roads[] = {"update",
+                             "actual",
+                             "failed check",
+                             "failed download",
+                             "failed copy",
+                             "rolled back install",
+                             "refused install",
+                             "given up",
+                             "local verification",
+                             "repair",
+                             "canceled download",
+                             "failure among others"};
 
 QStringList PublicSignals()
 {
@@ -180,6 +188,10 @@ void Journey::Prepare()
         rig.server.SetDefaultReply(UpdaterRig::ManifestUrlPath("2.0"), Reply::Status(404));
     if (road == "failed download")
         rig.server.SetDefaultReply(UpdaterRig::FilePath("2.0", "data/added"), Reply::Status(404));
+    if (road == "canceled download" || road == "failure among others")
+        rig.server.SetDefaultReply(UpdaterRig::FilePath("2.0", "bin/app"), Reply::Hold());
+    if (road == "failure among others")
+        rig.server.SetDefaultReply(UpdaterRig::FilePath("2.0", "data/added"), Reply::Status(404));
     if (road == "failed copy")
         TreeBuilder(rig.Next()).Symlink("data", rig.Outside());
     if (road == "rolled back install") {
@@ -221,6 +233,8 @@ void Journey::Drive(const QString& name)
             Later([updater] { updater->Wait(); });
         else
             Later([updater] { updater->Download(); });
+    } else if (name == "downloading" && road == "canceled download") {
+        Later([updater] { updater->Cancel(); });
     } else if (name == "actual") {
         Later([updater] { updater->Finish(); });
     } else if (name == "canceled") {
@@ -409,6 +423,7 @@ private Q_SLOTS:
     void DeletionInEveryWorkingStateEndsAllWork_data();
     void DeletionInEveryWorkingStateEndsAllWork();
     void DeletionByTheParentIsSilent();
+    void DeletionEndsRunningVerifications();
     void ThreadsAndDescriptorsAreGivenBack();
     void TwoUpdatersDoNotMeet();
     void LeavingADownloadGivesOneError_data();
@@ -440,7 +455,7 @@ void TestUpdaterConduct::EverythingMayBeCalledFromInsideEverySignal_data()
         journey.Run();
         for (const QString& point : journey.points) {
             // The way to the end of an assembly is the same on several roads.
-            if (seen.insert(point).second || point.startsWith("FAILED"))
+            if (seen.insert(point).second || point.startsWith("FAILED") || point.endsWith(" error"))
                 QTest::addRow("%s: %s", road, qPrintable(point)) << QString(road) << point;
         }
     }
@@ -645,6 +660,25 @@ void TestUpdaterConduct::DeletionByTheParentIsSilent()
     for (int i = 0; i < 20; ++i)
         QCoreApplication::processEvents();
     QCOMPARE(trace.Lines(), QStringList());
+}
+
+void TestUpdaterConduct::DeletionEndsRunningVerifications()
+{
+    UpdaterRig rig;
+    TreeBuilder(rig.App()).File("file", "f").Sparse("large", qint64(1) << 40); // takes for ever
+    const QString manifest = rig.Scratch("x") + "/manifest.xml";
+    kxtest::Write(
+        manifest,
+        kxtest::ManifestFor("demo", "http://127.0.0.1/", {}, {FileRecord("file", "f")}).toUtf8());
+    rig.Start();
+    const qsizetype threads = kxtest::Threads().size();
+    for (int i = 0; i < 3; ++i)
+        QVERIFY(rig.updater->VerifyLocalUpdate(rig.App(), manifest));
+    QCOMPARE(kxtest::Threads().size(), threads + 3);
+    rig.trace->Clear();
+    delete rig.updater;
+    QTRY_VERIFY_WITH_TIMEOUT(kxtest::Threads().size() <= threads, kxtest::patience);
+    QCOMPARE(rig.trace->Lines(), QStringList());
 }
 
 void TestUpdaterConduct::ThreadsAndDescriptorsAreGivenBack()

@@ -100,7 +100,10 @@ private Q_SLOTS:
     void CopierThatCannotBeMadeIsRolledBack();
     void RemoverThatCannotBeMadeFails_data();
     void RemoverThatCannotBeMadeFails();
-    void DownloadDirectoryInsideTheApplicationIsRolledBack();
+    void CopyThatCannotBeWrittenIsRolledBack();
+    void OverlappingDirectoriesNeverLoseTheProgram_data();
+    void OverlappingDirectoriesNeverLoseTheProgram();
+    void ApplicationThatIsALinkIsNotLost();
     void EmptyDownloadPathIsRolledBack();
     void UnconfiguredInstallTouchesNothing();
 
@@ -710,16 +713,80 @@ void TestUpdaterSwap::RemoverThatCannotBeMadeFails()
     }
 }
 
-void TestUpdaterSwap::DownloadDirectoryInsideTheApplicationIsRolledBack()
+void TestUpdaterSwap::CopyThatCannotBeWrittenIsRolledBack()
 {
     Trees();
-    TreeBuilder(rig->App()).File("next/bin/app", "new");
+    TreeBuilder(rig->Next()).RandomFile("new/large", 3 << 20, 1);
+    std::optional<kxtest::FileSizeLimit> limit;
+    rig->AtState("MOVING", [&] { limit.emplace(1 << 20); });
+    rig->AtState("REVERTING", [&] { limit.reset(); });
     rig->Start();
-    rig->updater->SetDownloadPath(rig->App() + "/next");
     const QStringList before = Snapshot(rig->Root());
     QVERIFY(rig->Install("FAILED"));
+    QCOMPARE(rig->Errors().size(), 2);
+    QVERIFY2(rig->Errors().first().startsWith(QStringLiteral("error(%1, ").arg(common::CopyWrite)),
+             qPrintable(rig->Errors().first()));
+    QVERIFY2(rig->Errors().first().contains("new/large"), qPrintable(rig->Errors().first()));
     QCOMPARE(rig->Errors().last(), ErrorLine(updater::UpdateReverted, RestoredText(rig->Backup())));
     QCOMPARE(Snapshot(rig->Root()), before);
+
+    rig->AtState("MOVING", {});
+    QVERIFY(rig->Install());
+    QCOMPARE(Snapshot(rig->App()), Snapshot(rig->Next()));
+}
+
+void TestUpdaterSwap::OverlappingDirectoriesNeverLoseTheProgram_data()
+{
+    QTest::addColumn<QString>("next");
+    QTest::addColumn<bool>("isRolledBack");
+    QTest::newRow("inside the application") << "/app/next" << true;
+    QTest::newRow("the application itself") << "/app" << true;
+    QTest::newRow("the directory of the application") << "" << true;
+    QTest::newRow("the backup") << "/app.old" << false;
+    QTest::newRow("inside the backup") << "/app.old/next" << true;
+    QTest::newRow("the sibling of the copy") << "/.app.kxnew" << false;
+}
+
+void TestUpdaterSwap::OverlappingDirectoriesNeverLoseTheProgram()
+{
+    QFETCH(QString, next);
+    QFETCH(bool, isRolledBack);
+    Trees();
+    if (next == "/app/next")
+        TreeBuilder(rig->App()).File("next/bin/app", "new");
+    TreeBuilder(rig->Root() + "/app.old").File("bin/app", "assembled").File("next/app", "n");
+    TreeBuilder(rig->Root() + "/.app.kxnew").File("bin/app", "assembled");
+    oldTree = Snapshot(rig->App());
+    rig->Start();
+    rig->updater->SetDownloadPath(rig->Root() + next);
+    const QStringList assembled = Snapshot(rig->Root() + next);
+    const QStringList outside = Snapshot(rig->Outside());
+    rig->updater->Install();
+    QVERIFY(rig->Reach({"SUCCESS", "FAILED"}));
+    const QStringList app = Snapshot(rig->App());
+    QVERIFY2(app == oldTree || app == assembled, qPrintable(app.join('\n')));
+    if (isRolledBack) {
+        QCOMPARE(app, oldTree);
+        QCOMPARE(rig->Errors().last(),
+                 ErrorLine(updater::UpdateReverted, RestoredText(rig->Backup())));
+    }
+    QCOMPARE(Snapshot(rig->Outside()), outside);
+}
+
+void TestUpdaterSwap::ApplicationThatIsALinkIsNotLost()
+{
+    Trees();
+    const QString real = rig->Root() + "/real";
+    QVERIFY(QDir().rename(rig->App(), real));
+    TreeBuilder(rig->Root()).Symlink("app", "real");
+    rig->Start();
+    rig->updater->Install();
+    QVERIFY(rig->Reach({"SUCCESS", "FAILED"}));
+    const QStringList app = Snapshot(QFileInfo(rig->App()).canonicalFilePath());
+    QCOMPARE(app, rig->State() == "SUCCESS" ? newTree : oldTree);
+    // What the link led to is no business of the swap.
+    QCOMPARE(Snapshot(real), oldTree);
+    QVERIFY(!kxtest::Exists(rig->Backup()));
 }
 
 void TestUpdaterSwap::EmptyDownloadPathIsRolledBack()

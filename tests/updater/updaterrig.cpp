@@ -15,6 +15,7 @@
 #include <cerrno>
 
 #include <csignal>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -263,6 +264,32 @@ updater::File LinkRecord(const QString& name, const QString& target)
 QString ErrorLine(int code, const QString& text)
 {
     return QStringLiteral("error(%1, %2)").arg(code).arg(text);
+}
+
+namespace {
+
+quint64 SetFileSizeLimit(quint64 bytes)
+{
+    rlimit limit = {};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const quint64 before = limit.rlim_cur;
+    limit.rlim_cur = bytes;
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+        qFatal("cannot limit the size of files");
+    return before;
+}
+
+} // namespace
+
+FileSizeLimit::FileSizeLimit(quint64 bytes)
+{
+    signal(SIGXFSZ, SIG_IGN);
+    before = SetFileSizeLimit(bytes);
+}
+
+FileSizeLimit::~FileSizeLimit()
+{
+    SetFileSizeLimit(before);
 }
 
 QStringList Threads()

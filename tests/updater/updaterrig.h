@@ -149,6 +149,19 @@ updater::File LinkRecord(const QString& name, const QString& target);
 /** "error(CODE, TEXT)" as a SignalTrace writes it. */
 QString ErrorLine(int code, const QString& text);
 
+/** While it lives, no file of the process grows beyond `bytes`: the write fails. Not nested. */
+class FileSizeLimit
+{
+public:
+    explicit FileSizeLimit(quint64 bytes);
+    ~FileSizeLimit();
+
+private:
+    Q_DISABLE_COPY(FileSizeLimit)
+
+    quint64 before;
+};
+
 /** Threads of the process. */
 QStringList Threads();
 /** Open descriptors of the process. */
