@@ -9,6 +9,7 @@
 #include <kxupdater/errors.h>
 
 #include <QDir>
+#include <QEventLoop>
 #include <QFile>
 #include <QMetaMethod>
 #include <QTest>
@@ -41,6 +42,8 @@ enum class Action {
     SameSetters,
     OtherSetters,
     VerifyLocalUpdate,
+    NestedLoop, // as a host that shows a dialog does
+    CancelFromNestedLoop,
     DeleteLater,
     DeleteOutside, // from a timer, as soon as the event loop comes round
 };
@@ -62,6 +65,8 @@ const ActionRow actions[] = {
     {"every setter with the same value", Action::SameSetters},
     {"every setter with another value", Action::OtherSetters},
     {"VerifyLocalUpdate", Action::VerifyLocalUpdate},
+    {"an event loop of its own", Action::NestedLoop},
+    {"Cancel in an event loop of its own", Action::CancelFromNestedLoop},
     {"deleteLater", Action::DeleteLater},
     {"delete from outside", Action::DeleteOutside},
 };
@@ -306,6 +311,21 @@ void Journey::Act()
     case Action::VerifyLocalUpdate:
         updater->VerifyLocalUpdate(rig.App(), rig.Scratch("x") + "/manifest.xml");
         break;
+    case Action::NestedLoop:
+    case Action::CancelFromNestedLoop: {
+        QEventLoop loop;
+        int rounds = 0;
+        QTimer timer;
+        connect(&timer, &QTimer::timeout, &loop, [&] {
+            if (++rounds == 3 && action == Action::CancelFromNestedLoop)
+                updater->Cancel();
+            if (rounds == 50)
+                loop.quit();
+        });
+        timer.start(0);
+        loop.exec();
+        break;
+    }
     case Action::DeleteLater:
         updater->deleteLater();
         break;
