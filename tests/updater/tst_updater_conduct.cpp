@@ -45,7 +45,8 @@ enum class Action {
     NestedLoop, // as a host that shows a dialog does
     CancelFromNestedLoop,
     DeleteLater,
-    DeleteOutside, // from a timer, as soon as the event loop comes round
+    DeleteFromNestedLoop, // while the dialog is open
+    DeleteOutside,        // from a timer, as soon as the event loop comes round
 };
 
 struct ActionRow
@@ -312,13 +313,16 @@ void Journey::Act()
         updater->VerifyLocalUpdate(rig.App(), rig.Scratch("x") + "/manifest.xml");
         break;
     case Action::NestedLoop:
-    case Action::CancelFromNestedLoop: {
+    case Action::CancelFromNestedLoop:
+    case Action::DeleteFromNestedLoop: {
         QEventLoop loop;
         int rounds = 0;
         QTimer timer;
         connect(&timer, &QTimer::timeout, &loop, [&] {
             if (++rounds == 3 && action == Action::CancelFromNestedLoop)
                 updater->Cancel();
+            if (rounds == 3 && action == Action::DeleteFromNestedLoop)
+                updater->deleteLater();
             if (rounds == 50)
                 loop.quit();
         });
@@ -453,6 +457,8 @@ private Q_SLOTS:
     void EventLoopRunsWhileAWorkerIsHeldUp_data();
     void EventLoopRunsWhileAWorkerIsHeldUp();
     void CommandsWhileAWorkerIsHeldUpAreLost();
+    void DeletionFromALoopInsideASignalIsSafe_data();
+    void DeletionFromALoopInsideASignalIsSafe();
 };
 
 void TestUpdaterConduct::initTestCase()
@@ -952,6 +958,27 @@ void TestUpdaterConduct::CommandsWhileAWorkerIsHeldUpAreLost()
              QStringList({"BACKUPREMOVING", "BACKUPING", "MOVING", "BACKUPCLEARING", "SUCCESS"}));
     QCOMPARE(callback.calls.load(), 1);
     QCOMPARE(Snapshot(rig.App()), Snapshot(rig.Next()));
+}
+
+void TestUpdaterConduct::DeletionFromALoopInsideASignalIsSafe_data()
+{
+    EverythingMayBeCalledFromInsideEverySignal_data();
+}
+
+void TestUpdaterConduct::DeletionFromALoopInsideASignalIsSafe()
+{
+    // A host that asks its user from inside a signal, and is closed meanwhile.
+    QFETCH(QString, road);
+    QFETCH(QString, point);
+    Journey journey(road, point, Action::DeleteFromNestedLoop);
+    journey.Run();
+    QVERIFY(journey.acted);
+    QVERIFY(journey.deleted);
+    QVERIFY(!journey.rig.updater);
+    QCOMPARE(journey.afterwards, QStringList());
+    const QStringList app = Snapshot(journey.rig.App());
+    QVERIFY(app == journey.oldTree || app == journey.newTree ||
+            Snapshot(journey.rig.Backup()) == journey.oldTree);
 }
 
 QTEST_GUILESS_MAIN(TestUpdaterConduct)
