@@ -22,6 +22,7 @@ if(KX_SANITIZER STREQUAL "thread")
         LINKER:--wrap=_ZN7QThread4waitE14QDeadlineTimer
         LINKER:--wrap=_ZN16QCoreApplication9postEventEP7QObjectP6QEventi
         LINKER:--wrap=_ZN7QObject11deleteLaterEv
+        LINKER:--wrap=_ZN7QObject10disconnectEPKS_PKcS1_S3_
         LINKER:--wrap=_ZN11QMetaObject16invokeMethodImplEP7QObjectPN9QtPrivate15QSlotObjectBaseEN2Qt14ConnectionTypeEPv
         LINKER:--wrap=_ZN11QMetaObject12invokeMethodEP7QObjectPKcN2Qt14ConnectionTypeE22QGenericReturnArgument16QGenericArgumentS7_S7_S7_S7_S7_S7_S7_S7_S7_
         LINKER:--wrap=_ZN10QSemaphore7releaseEi

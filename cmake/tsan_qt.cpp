@@ -3,8 +3,9 @@
 // from thread to thread in a queued signal for a data race. Linked into whatever the preset "tsan"
 // builds.
 //
-// The edges: everything before an emit, a posted event or the end of a thread happens before the
-// next event that any thread delivers and before the return of QThread::wait().
+// The edges: everything before an emit, its own end included, a posted event or the end of a thread
+// happens before the next event that any thread delivers, before the return of QThread::wait(), and
+// before connections are cut.
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QEvent>
@@ -46,7 +47,7 @@ bool OnDelivery(void**)
 
 [[maybe_unused]] const bool installed = [] {
     static QSignalSpyCallbackSet callbacks = {[](QObject*, int, void**) { Release(); }, nullptr,
-                                              nullptr, nullptr};
+                                              [](QObject*, int) { Release(); }, nullptr};
     qt_register_signal_spy_callbacks(&callbacks);
     return QInternal::registerCallback(QInternal::EventNotifyCallback, OnDelivery);
 }();
@@ -105,6 +106,14 @@ KX_WRAP(InvokeMethod,
         RealInvokeMethod(object, member, type, returned, a0, a1, a2, a3, a4, a5, a6, a7, a8, a9);
     __tsan_acquire(&kxEventOrder);
     return invoked;
+}
+
+KX_WRAP(Disconnect, "_ZN7QObject10disconnectEPKS_PKcS1_S3_", bool, const QObject* sender,
+        const char* signal, const QObject* receiver, const char* member)
+{
+    // An emit on another thread may have left types of arguments with the connection.
+    __tsan_acquire(&kxEventOrder);
+    return RealDisconnect(sender, signal, receiver, member);
 }
 
 KX_WRAP(SemaphoreRelease, "_ZN10QSemaphore7releaseEi", void, QSemaphore* semaphore, int count)

@@ -159,7 +159,7 @@ QStringList UpdaterRig::FetchedFiles() const
 
 updater::Updater* UpdaterRig::Make(QObject* parent)
 {
-    auto* made = new updater::Updater(&manager, parent);
+    auto* made = new updater::Updater(manager.get(), parent);
     made->SetURL(server.Url().toString().chopped(1));
     made->SetPackageName(package);
     made->SetCurrentVersion(QStringLiteral("1.0"));

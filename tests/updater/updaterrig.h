@@ -125,7 +125,7 @@ public:
     void Forget();
 
     HttpTestServer server;
-    QNetworkAccessManager manager;
+    std::unique_ptr<QNetworkAccessManager> manager{new QNetworkAccessManager};
     HookedLog log;
     QPointer<updater::Updater> updater;
     std::unique_ptr<SignalTrace> trace;
