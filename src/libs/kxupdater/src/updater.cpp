@@ -2,6 +2,7 @@
 
 #include "appcallback.h"
 #include "partialsweep.h"
+#include "stepmachine.h"
 #include "updater_log.h"
 
 #include <kxcommon/filecopier.h>
@@ -11,7 +12,6 @@
 #include <kxupdater/package.h>
 
 #include <QDir>
-#include <QStateMachine>
 
 #include <limits>
 

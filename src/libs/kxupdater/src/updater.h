@@ -11,7 +11,6 @@
 
 QT_BEGIN_NAMESPACE
 class QState;
-class QStateMachine;
 QT_END_NAMESPACE
 
 namespace common {
@@ -26,6 +25,7 @@ class Downloader;
 class FileScanner;
 class Package;
 class PartialSweep;
+class StepMachine;
 
 /**
  * The updater behind IUpdater: a state machine and the handlers of its states.
@@ -145,10 +145,15 @@ Q_SIGNALS:
     void revertingComplete();
     void backupClearingComplete();
 
+protected:
+    bool event(QEvent* event) override;
+
 private:
     Q_DISABLE_COPY(Updater)
 
     // updater_states.cpp
+    void FinishMachine();
+    void CarryOutDeletion();
     void BuildStateMachine();
     QState* CreateState(const QString& name, QState* parent);
 
@@ -178,7 +183,7 @@ private:
 
     // Owner thread only, all of it. The order is that of construction; the workers go in reverse.
     QNetworkAccessManager* networkManager; // not owned
-    QStateMachine* stateMachine;           // a child
+    StepMachine* stateMachine;             // a child
     QTimer checkTimer;
     QString stateName;
     std::unique_ptr<Package> package;
@@ -200,6 +205,8 @@ private:
     int symlinkCount = 0;
     std::unique_ptr<PartialSweep> partialSweep; // from PREPARING's entry to its exit
     bool partialsSwept = false;                 // it has ended
+    bool isFinishing = false;                   // finished() is being emitted
+    bool isDeletionPending = false;             // deleteLater() came in the middle of a step
 };
 
 } // namespace updater

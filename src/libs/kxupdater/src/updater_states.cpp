@@ -1,13 +1,16 @@
 #include "updater.h"
 
 #include "partialsweep.h"
+#include "stepmachine.h"
 #include "updater_log.h"
 
 #include <kxupdater/package.h>
 
+#include <QEvent>
 #include <QFinalState>
-#include <QStateMachine>
+#include <QPointer>
 
+#include <utility>
 #include <vector>
 
 namespace updater {
@@ -129,7 +132,8 @@ void Updater::BuildStateMachine()
     };
     // clang-format on
 
-    stateMachine = new QStateMachine(this);
+    stateMachine = new StepMachine(this);
+    connect(stateMachine, &StepMachine::stepEnded, this, &Updater::CarryOutDeletion);
     QHash<QString, QAbstractState*> byName;
     byName.insert(QString(), stateMachine);
     for (const StateRow& row : states) {
@@ -170,12 +174,40 @@ void Updater::BuildStateMachine()
         Q_UNUSED(added)
     }
 
-    Wire(stateMachine, SIGNAL(finished()), this, SIGNAL(finished()));
+    connect(stateMachine, &StepMachine::finished, this, &Updater::FinishMachine);
     for (const char* signal :
          {SIGNAL(waiting()), SIGNAL(checking()), SIGNAL(prepairing()), SIGNAL(installing())}) {
         Wire(this, signal, this, SLOT(OnInvalidateActual()));
     }
     stateMachine->start();
+}
+
+void Updater::FinishMachine()
+{
+    const QPointer<Updater> self(this);
+    isFinishing = true;
+    Q_EMIT finished();
+    if (!self)
+        return;
+    isFinishing = false;
+    CarryOutDeletion();
+}
+
+bool Updater::event(QEvent* event)
+{
+    // A host may open an event loop of its own inside a signal, a dialog for instance, and call
+    // deleteLater() there. That loop would delete the machine in the middle of its step.
+    if (event->type() == QEvent::DeferredDelete && (stateMachine->IsStepping() || isFinishing)) {
+        isDeletionPending = true;
+        return true;
+    }
+    return IUpdater::event(event);
+}
+
+void Updater::CarryOutDeletion()
+{
+    if (std::exchange(isDeletionPending, false))
+        deleteLater();
 }
 
 void Updater::OnStateEnter()
