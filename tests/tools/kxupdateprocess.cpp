@@ -1,6 +1,6 @@
 #include "kxupdateprocess.h"
 
-#include <QDir>
+#include <QFileInfo>
 #include <QTest>
 
 #include <csignal>
@@ -74,6 +74,8 @@ void KxupdateProcess::Start(const QStringList& arguments)
         }
         if (slave >= 0)
             ::dup2(slave, STDERR_FILENO);
+        for (int stream = 0; closed && stream <= STDERR_FILENO; ++stream)
+            ::close(stream);
     });
     process.setProcessEnvironment(environment);
     process.start(QStringLiteral(KXUPDATE_PROGRAM), arguments);
@@ -102,6 +104,12 @@ bool KxupdateProcess::Run(const QStringList& arguments)
 {
     Start(arguments);
     return Wait();
+}
+
+QString KxupdateProcess::OpenFile(int descriptor) const
+{
+    return QFileInfo(QStringLiteral("/proc/%1/fd/%2").arg(process.processId()).arg(descriptor))
+        .symLinkTarget();
 }
 
 QString KxupdateProcess::Data(const QString& name) const

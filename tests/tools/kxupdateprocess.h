@@ -24,12 +24,17 @@ public:
     /** Its stderr is a terminal; Errors() then holds what came there. */
     void UseTerminal() { terminal = true; }
 
+    /** Starts without stdin, stdout and stderr. */
+    void CloseStreams() { closed = true; }
+
     void Start(const QStringList& arguments);
     void Signal(int number);
     /** Waits until it ends; false when it does not, or crashes. */
     bool Wait();
     bool Run(const QStringList& arguments);
 
+    /** What stands behind a file descriptor of the running process. */
+    QString OpenFile(int descriptor) const;
     int Status() const { return process.exitCode(); }
     QString Output() const { return output; }
     QString Errors() const { return errors; }
@@ -48,6 +53,7 @@ private:
     bool powerless = false;
     qint64 fileSize = -1;
     bool terminal = false;
+    bool closed = false;
     int master = -1;
     int slave = -1;
     QString output;

@@ -3,6 +3,7 @@
 #include "updatesite.h"
 
 #include <QRegularExpression>
+#include <QSignalSpy>
 #include <QTest>
 
 namespace {
@@ -37,6 +38,7 @@ private Q_SLOTS:
     void LogLevelForwardsTheLibrarysMessages();
     void PlainOutputHoldsNoControlCharacters();
     void TerminalShowsABarAndErasesIt();
+    void ClosedStreamsAreNotReplacedByFiles();
     void ControlCharactersFromOutsideNeverReachTheOutput();
 };
 
@@ -403,6 +405,27 @@ void TstKxupdate::TerminalShowsABarAndErasesIt()
     QVERIFY2(process.Errors().endsWith(QStringLiteral("now holds version 2.0.\r\n")),
              process.Report());
     QCOMPARE(process.Data(QStringLiteral("result")), QStringLiteral("updated"));
+}
+
+void TstKxupdate::ClosedStreamsAreNotReplacedByFiles()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    site.Server().Enqueue(site.FilePath(v2, QStringLiteral("lib/filter.bin")),
+                          kxtest::Reply::StallAfter(1000));
+    QSignalSpy stalled(&site.Server(), SIGNAL(stalled(QString)));
+    KxupdateProcess process;
+    process.CloseStreams();
+    process.Start(site.Command(QStringLiteral("update")));
+    QTRY_VERIFY_WITH_TIMEOUT(stalled.count() == 1, 60000);
+    // In the middle of the transfer, with locks held and files open.
+    for (const int stream : {0, 1, 2})
+        QCOMPARE(process.OpenFile(stream), QStringLiteral("/dev/null"));
+    site.Server().ReleaseStalled();
+    QVERIFY2(process.Wait(), process.Report());
+    QCOMPARE(process.Status(), 0);
+    QCOMPARE(site.Installed(), site.Published(v2));
 }
 
 void TstKxupdate::ControlCharactersFromOutsideNeverReachTheOutput()

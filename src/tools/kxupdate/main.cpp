@@ -4,6 +4,7 @@
 #include "logforwarder.h"
 #include "options.h"
 #include "session.h"
+#include "terminal.h"
 
 #include <QCoreApplication>
 #include <QNetworkProxyFactory>
@@ -38,6 +39,7 @@ int Run(QCoreApplication& app, const Options& options)
 
 int main(int argc, char** argv)
 {
+    OpenMissingStreams();
     qInstallMessageHandler(PrintQtMessage);
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("kxupdate"));

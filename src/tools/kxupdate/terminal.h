@@ -3,6 +3,12 @@
 /** The standard streams that kxupdate writes to. */
 enum class Stream { Output, Error };
 
+/**
+ * Makes sure that the standard streams are open, to nowhere if need be: otherwise the next file
+ * that is opened takes the place of a closed one, and messages are written into it. Called first.
+ */
+void OpenMissingStreams();
+
 /** True when `stream` is a terminal on which a line can be drawn again. */
 bool IsTerminal(Stream stream);
 

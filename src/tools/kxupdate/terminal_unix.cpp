@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -14,6 +15,16 @@ int Descriptor(Stream stream)
 }
 
 } // namespace
+
+void OpenMissingStreams()
+{
+    // The lowest free number is taken, so the last one that stays open is above all three.
+    int descriptor = 0;
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO)
+        descriptor = ::open("/dev/null", O_RDWR);
+    if (descriptor > STDERR_FILENO)
+        ::close(descriptor);
+}
 
 bool IsTerminal(Stream stream)
 {

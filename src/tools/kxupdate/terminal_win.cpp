@@ -11,6 +11,11 @@ HANDLE Handle(Stream stream)
 
 } // namespace
 
+void OpenMissingStreams()
+{
+    // Files are opened by handles here, which never stand in for the C library's streams.
+}
+
 bool IsTerminal(Stream stream)
 {
     DWORD mode = 0;
