@@ -15,11 +15,10 @@ extern "C" __attribute__((visibility("default"))) size_t fwrite(const void* data
     static const auto next = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "fwrite"));
     const size_t written = next(data, size, count, stream);
     const char* place = std::getenv("KX_INTERRUPT_AT");
-    const char* times = std::getenv("KX_INTERRUPT_TIMES");
     const std::string text(static_cast<const char*>(data), size * count);
     if (place && text.find(place) != std::string::npos) {
-        for (int i = 0; i < (times ? std::atoi(times) : 1); ++i)
-            ::kill(::getpid(), SIGINT);
+        for (int i = 0; i < std::atoi(std::getenv("KX_INTERRUPT_TIMES")); ++i)
+            ::kill(::getpid(), std::atoi(std::getenv("KX_SIGNAL")));
     }
     return written;
 }

@@ -47,11 +47,12 @@ void KxupdateProcess::SetHome(const QString& directory)
     environment.insert(QStringLiteral("HOME"), directory);
 }
 
-void KxupdateProcess::InterruptAt(const QString& text, int times)
+void KxupdateProcess::InterruptAt(const QString& text, int times, int number)
 {
     environment.insert(QStringLiteral("LD_PRELOAD"), QStringLiteral(KX_INTERRUPT_AT_LIBRARY));
     environment.insert(QStringLiteral("KX_INTERRUPT_AT"), text);
     environment.insert(QStringLiteral("KX_INTERRUPT_TIMES"), QString::number(times));
+    environment.insert(QStringLiteral("KX_SIGNAL"), QString::number(number));
 }
 
 void KxupdateProcess::Start(const QStringList& arguments)

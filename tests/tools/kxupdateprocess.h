@@ -19,8 +19,8 @@ public:
     void DropPowers() { powerless = true; }
     /** Files cannot grow beyond `bytes`: a disk that refuses to take more. */
     void LimitFileSize(qint64 bytes) { fileSize = bytes; }
-    /** Sends itself SIGINT `times` times when it has printed `text`. */
-    void InterruptAt(const QString& text, int times);
+    /** Sends itself the signal `times` times when it has printed `text`. */
+    void InterruptAt(const QString& text, int times, int number);
     /** Its stderr is a terminal; Errors() then holds what came there. */
     void UseTerminal() { terminal = true; }
 

@@ -33,6 +33,8 @@ private Q_SLOTS:
     void InterruptEndsTheCommand();
     void InterruptInTheSwapFinishesIt_data();
     void InterruptInTheSwapFinishesIt();
+    void KilledProcessIsRepairedByTheNextOne_data();
+    void KilledProcessIsRepairedByTheNextOne();
     void InterruptBetweenTheStepsEndsTheCommand_data();
     void InterruptBetweenTheStepsEndsTheCommand();
 
@@ -232,13 +234,41 @@ void TstKxupdateFailures::InterruptInTheSwapFinishesIt()
     site.Install(v1);
     UpdateSite::CopyTree(site.Tree(v1), site.Backup()); // a stale backup to remove
     KxupdateProcess process;
-    process.InterruptAt(state, times);
+    process.InterruptAt(state, times, SIGINT);
     QVERIFY2(process.Run(site.Command(QStringLiteral("update"))), process.Report());
     QVERIFY2(process.Status() == 0, process.Report());
     QCOMPARE(process.Data(QStringLiteral("result")), QStringLiteral("updated"));
     QVERIFY2(!process.Errors().contains(QStringLiteral("Cancel")), process.Report());
     QCOMPARE(site.Installed(), site.Published(v2));
     QVERIFY(!kxtest::Exists(site.Backup()));
+}
+
+void TstKxupdateFailures::KilledProcessIsRepairedByTheNextOne_data()
+{
+    QTest::addColumn<QString>("state");
+    for (const char* state :
+         {"DOWNLOADING", "VERIFICATION", "BACKUPREMOVING", "BACKUPING", "MOVING", "BACKUPCLEARING"})
+        QTest::newRow(state) << state;
+}
+
+void TstKxupdateFailures::KilledProcessIsRepairedByTheNextOne()
+{
+    QFETCH(QString, state);
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    KxupdateProcess process;
+    process.InterruptAt(state, 1, SIGKILL);
+    QVERIFY2(!process.Run(site.Command(QStringLiteral("update"))), process.Report());
+    // One whole version is there, in its place or beside it.
+    const QStringList left =
+        kxtest::Exists(site.App()) ? site.Installed() : kxtest::Snapshot(site.Backup());
+    QCOMPARE(left, site.Published(state == QLatin1String("BACKUPCLEARING") ? v2 : v1));
+
+    KxupdateProcess again;
+    QVERIFY2(again.Run(site.Command(QStringLiteral("update"))), again.Report());
+    QVERIFY2(again.Status() == 0, again.Report());
+    QCOMPARE(site.Installed(), site.Published(v2));
 }
 
 void TstKxupdateFailures::InterruptBetweenTheStepsEndsTheCommand_data()
@@ -260,7 +290,7 @@ void TstKxupdateFailures::InterruptBetweenTheStepsEndsTheCommand()
     site.Publish(v2);
     site.Install(v1);
     KxupdateProcess process;
-    process.InterruptAt(text, 1);
+    process.InterruptAt(text, 1, SIGINT);
     QVERIFY2(process.Run(site.Command(QStringLiteral("update"))), process.Report());
     // Where the signal is handled is a race that either side may win, but never half.
     if (process.Status() == 4) {
