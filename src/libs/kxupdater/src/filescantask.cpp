@@ -56,6 +56,9 @@ FileScanTask::FileScanTask(const QString& rootPath)
 FileScanTask::~FileScanTask()
 {
     Abort(true);
+    // isRunning() is false a moment before the thread has ended.
+    if (thread)
+        thread->wait();
     delete thread;
 }
 
