@@ -15,6 +15,9 @@
 
 #include <sanitizer/tsan_interface.h>
 
+#include <cstdlib>
+#include <new>
+
 // From Qt's private headers: what QtTest uses for its option -vs.
 struct QSignalSpyCallbackSet
 {
@@ -24,6 +27,9 @@ struct QSignalSpyCallbackSet
     void (*slotEnd)(QObject* caller, int slot);
 };
 Q_CORE_EXPORT void qt_register_signal_spy_callbacks(QSignalSpyCallbackSet* callbacks);
+
+extern "C" void AnnotateIgnoreWritesBegin(const char* file, int line);
+extern "C" void AnnotateIgnoreWritesEnd(const char* file, int line);
 
 // Stands for all event queues: one variable in the process, however many of its libraries hold
 // this file.
@@ -144,4 +150,59 @@ KX_WRAP(SemaphoreTryAcquireFor, "_ZN10QSemaphore10tryAcquireEii", bool, QSemapho
     if (acquired)
         __tsan_acquire(semaphore);
     return acquired;
+}
+
+// An allocation counts as a write to all of it, and so does its end. Qt allocates what it queues
+// after the emit has begun, so that nothing orders that write before the delivery: it must not
+// count. The arrays are types of arguments that Qt keeps with a connection: whichever thread cuts
+// it deletes them.
+namespace {
+
+void* Allocate(std::size_t size)
+{
+    AnnotateIgnoreWritesBegin(__FILE__, __LINE__);
+    void* memory = std::malloc(size ? size : 1);
+    AnnotateIgnoreWritesEnd(__FILE__, __LINE__);
+    if (!memory)
+        throw std::bad_alloc();
+    return memory;
+}
+
+void FreeArray(void* memory)
+{
+    AnnotateIgnoreWritesBegin(__FILE__, __LINE__);
+    std::free(memory);
+    AnnotateIgnoreWritesEnd(__FILE__, __LINE__);
+}
+
+} // namespace
+
+void* operator new(std::size_t size)
+{
+    return Allocate(size);
+}
+
+void* operator new[](std::size_t size)
+{
+    return Allocate(size);
+}
+
+void operator delete(void* memory) noexcept
+{
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept
+{
+    std::free(memory);
+}
+
+void operator delete[](void* memory) noexcept
+{
+    FreeArray(memory);
+}
+
+void operator delete[](void* memory, std::size_t) noexcept
+{
+    FreeArray(memory);
 }
