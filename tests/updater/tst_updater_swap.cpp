@@ -216,6 +216,8 @@ void TestUpdaterSwap::SwapKeepsModesTimesLinksAndHiddenEntries()
     QCOMPARE(after.st_mtim.tv_sec, 1234567890);
     QCOMPARE(after.st_mtim.tv_sec, before.st_mtim.tv_sec);
     QCOMPARE(after.st_mtim.tv_nsec / 1000, before.st_mtim.tv_nsec / 1000);
+    for (const QString& tree : {rig->App(), rig->Next()})
+        kxtest::SetMode(tree + "/readonly", 0755);
 }
 
 void TestUpdaterSwap::MissingApplicationIsInstalledWithoutBackup()
