@@ -17,6 +17,7 @@
 #include <QScopeGuard>
 #include <QTest>
 
+#include <algorithm>
 #include <optional>
 
 #include <unistd.h>
@@ -111,6 +112,7 @@ private Q_SLOTS:
     void PartialsBelowALinkedDownloadDirectoryAreRemoved();
     void PartialIsNeverInstalled();
     void VerificationWaitsForTheRemovalOfPartials();
+    void RemovalOfPartialsMayEndInALoopBeforeTheVerification();
 
     // names from the server
     void BadNameIsNeverDownloaded_data();
@@ -930,6 +932,32 @@ void TestUpdaterAssemble::VerificationWaitsForTheRemovalOfPartials()
     QCOMPARE(rig->log.Lines("updater.filescan").filter(scan).size(), 1);
     QCOMPARE(PartialsBelow(rig->Next()), QStringList());
     QVERIFY(QFile::exists(rig->Next() + "/same"));
+}
+
+void TestUpdaterAssemble::RemovalOfPartialsMayEndInALoopBeforeTheVerification()
+{
+    // Nothing to copy or to fetch: the machine goes from PREPARING to VERIFICATION in one go, so
+    // that the end of the removal can only be told in the loop that is opened there.
+    TreeBuilder tree;
+    tree.Symlink("link", "nowhere");
+    rig->Publish("2.0", tree.Root());
+    rig->Start();
+    QVERIFY(rig->Check());
+    QStringList threads;
+    bool ended = false;
+    rig->AtState("PREPARING", [&] { threads = kxtest::Threads(); });
+    rig->AtState("VERIFICATION", [&] {
+        ended = kxtest::WaitFor([&] {
+            const QStringList now = kxtest::Threads();
+            return std::all_of(now.cbegin(), now.cend(),
+                               [&](const QString& thread) { return threads.contains(thread); });
+        });
+        for (int round = 0; round < 100; ++round)
+            QCoreApplication::processEvents();
+    });
+    rig->updater->Download();
+    QVERIFY(rig->Reach("SUCCESS"));
+    QVERIFY(ended);
 }
 
 namespace {

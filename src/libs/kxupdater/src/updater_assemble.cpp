@@ -108,7 +108,8 @@ void Updater::SweepPartials(const FileList& plan)
     // The sweep itself is the receiver: a signal still under way goes with it.
     connect(partialSweep.get(), &QThread::finished, partialSweep.get(), [this] {
         partialsSwept = true;
-        if (stateName == QLatin1String("VERIFICATION"))
+        // Entered, but not yet there: a host has opened an event loop inside verification().
+        if (stateName == QLatin1String("VERIFICATION") && fileScanner)
             StartVerification();
     });
     partialSweep->start();
