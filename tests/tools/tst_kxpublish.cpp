@@ -546,9 +546,9 @@ void TestKxpublish::CommandLineIsChecked_data()
     const QStringList all = AddArguments(S("tree"), S("out"));
     QTest::newRow("nothing") << QStringList() << QStringList{S("no command is given"), top};
     QTest::newRow("unknown command")
-        << QStringList{S("remove\n")} << QStringList{S("unknown command 'remove\\x0a'"), top};
-    QTest::newRow("option before the command") << QStringList{S("--out"), S("x"), S("add")}
-                                               << QStringList{S("unknown command '--out'"), top};
+        << QStringList{S("remove\n")} << QStringList{S("unknown command 'remove?'"), top};
+    QTest::newRow("option before the command")
+        << QStringList{S("--out"), S("x"), S("add")} << QStringList{S("--name is missing"), add};
     QTest::newRow("no tree") << QStringList(all.mid(0, 1) + all.mid(2))
                              << QStringList{S("TREE is missing"), add};
     QTest::newRow("two trees") << QStringList(all + QStringList{S("more")})
@@ -601,14 +601,12 @@ void TestKxpublish::HelpListsTheExitStatuses()
     QCOMPARE(result.status, 0);
     QCOMPARE(result.err, QStringList());
     QCOMPARE(result.out.at(0), usage);
-    const QStringList statuses = {
-        S("Exit statuses:"),
-        S("  0  done"),
-        S("  1  the tree or the request was refused; nothing has changed"),
-        S("  2  the command line was not understood; nothing has changed"),
-        S("  3  the system failed a read or a write; clients see nothing new"),
-        S("  4  interrupted by a signal; clients see nothing new")};
-    QCOMPARE(result.out.mid(result.out.size() - statuses.size()), statuses);
+    QStringList statuses;
+    const qsizetype title = result.out.indexOf(S("Exit statuses, with the word of the result:"));
+    for (const QString& line : result.out.mid(title + 1))
+        statuses.append(line.simplified().section(QLatin1Char(' '), 0, 1));
+    QCOMPARE(statuses.mid(0, 5), QStringList({S("0 done"), S("1 refused"), S("2 usage"),
+                                              S("3 failed"), S("4 interrupted")}));
 }
 
 void TestKxpublish::VersionIsPrinted()

@@ -59,7 +59,7 @@ void TstKxupdate::UsageErrorsNameWhatIsWrong_data()
     const auto with = [&all](const QString& option, const QString& value) {
         return all + QStringList{option, value};
     };
-    QTest::newRow("no command") << QStringList() << "a command is missing";
+    QTest::newRow("no command") << QStringList() << "no command is given";
     QTest::newRow("unknown command") << QStringList{"upgrade"} << "unknown command 'upgrade'";
     QTest::newRow("two commands") << QStringList{"check", "update"} << "'update'";
     QTest::newRow("unknown option") << all + QStringList{"--force"} << "force";

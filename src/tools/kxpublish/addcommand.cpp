@@ -218,13 +218,13 @@ ExitStatus AddCommand::Refuse()
 ExitStatus AddCommand::Fail(const QString& error)
 {
     problems.PrintWarnings();
-    Say(error);
+    Complain(error);
     return ExitFailed;
 }
 
 ExitStatus AddCommand::GiveUp()
 {
-    Say(QStringLiteral("interrupted, nothing is published"));
+    Complain(QStringLiteral("interrupted, nothing is published"));
     return ExitInterrupted;
 }
 

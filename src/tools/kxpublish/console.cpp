@@ -1,11 +1,36 @@
 #include "console.h"
 
+#include "common/console.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
 #include <QStringDecoder>
 
 #include <cstdio>
+#include <memory>
 
 namespace publish {
 namespace {
+
+struct Output
+{
+    OutputStyle style;
+    std::unique_ptr<tools::Console> console = std::make_unique<tools::Console>(false);
+    QJsonObject result;
+    QJsonArray problems;
+    QJsonArray warnings;
+};
+
+Output& TheOutput()
+{
+    static Output output;
+    return output;
+}
+
+QString Named(const QString& text)
+{
+    return QStringLiteral("kxpublish: ") + text;
+}
 
 void Write(FILE* stream, const QString& text)
 {
@@ -21,24 +46,79 @@ QString Escaped(uint value)
 
 } // namespace
 
+void SetOutputStyle(const OutputStyle& style)
+{
+    TheOutput().style = style;
+    TheOutput().console = std::make_unique<tools::Console>(style.quiet);
+}
+
 void Say(const QString& text)
 {
-    Write(stderr, QStringLiteral("kxpublish: ") + text + QLatin1Char('\n'));
+    TheOutput().console->Message(Named(text));
+}
+
+void Complain(const QString& text)
+{
+    TheOutput().console->Error(Named(text));
+    TheOutput().problems.append(text);
 }
 
 void Warn(const QString& text)
 {
-    Say(QStringLiteral("warning: ") + text);
+    TheOutput().console->Error(Named(QStringLiteral("warning: ") + text));
+    TheOutput().warnings.append(text);
 }
 
 void PrintDatum(const QString& key, const QString& value)
 {
-    Write(stdout, key + QStringLiteral(": ") + value + QLatin1Char('\n'));
+    if (TheOutput().style.json)
+        TheOutput().result.insert(key, value);
+    else
+        TheOutput().console->Data(key, value);
+}
+
+void PrintDatum(const QString& key, quint64 value)
+{
+    if (TheOutput().style.json)
+        TheOutput().result.insert(key, qint64(value));
+    else
+        TheOutput().console->Data(key, QString::number(value));
 }
 
 void PrintText(const QString& text)
 {
-    Write(stdout, text);
+    if (!TheOutput().style.json)
+        Write(stdout, text);
+}
+
+void PrintJson(const QJsonObject& result)
+{
+    for (auto member = result.constBegin(); member != result.constEnd(); ++member)
+        TheOutput().result.insert(member.key(), member.value());
+}
+
+void ShowProgress(int percent, const QString& label)
+{
+    TheOutput().console->Progress(percent, label);
+}
+
+void EndProgress()
+{
+    TheOutput().console->EndProgress();
+}
+
+void FinishOutput(const QString& command, int exitStatus, const QString& word)
+{
+    Output& output = TheOutput();
+    output.console->EndProgress();
+    if (!output.style.json)
+        return;
+    output.result.insert(QStringLiteral("command"), command);
+    output.result.insert(QStringLiteral("exit"), exitStatus);
+    output.result.insert(QStringLiteral("result"), word);
+    output.result.insert(QStringLiteral("problems"), output.problems);
+    output.result.insert(QStringLiteral("warnings"), output.warnings);
+    Write(stdout, QString::fromUtf8(QJsonDocument(output.result).toJson()));
 }
 
 QString Shown(const QString& name)

@@ -2,24 +2,24 @@
 
 namespace publish {
 
-QString ExitStatusHelp()
+QList<tools::ExitStatusSpec> ExitStatuses()
 {
-    struct Row
-    {
-        ExitStatus status;
-        const char* meaning;
+    return {
+        {ExitDone, "done", "done"},
+        {ExitRefused, "refused", "the tree or the request was refused; nothing has changed"},
+        {ExitUsage, "usage", "the command line was not understood; nothing has changed"},
+        {ExitFailed, "failed", "the system failed a read or a write; clients see nothing new"},
+        {ExitInterrupted, "interrupted", "interrupted by a signal; clients see nothing new"},
     };
-    static constexpr Row rows[] = {
-        {ExitDone, "done"},
-        {ExitRefused, "the tree or the request was refused; nothing has changed"},
-        {ExitUsage, "the command line was not understood; nothing has changed"},
-        {ExitFailed, "the system failed a read or a write; clients see nothing new"},
-        {ExitInterrupted, "interrupted by a signal; clients see nothing new"},
-    };
-    QString text = QStringLiteral("Exit statuses:\n");
-    for (const Row& row : rows)
-        text += QStringLiteral("  %1  %2\n").arg(int(row.status)).arg(QLatin1String(row.meaning));
-    return text;
+}
+
+QString ResultWord(ExitStatus status)
+{
+    for (const tools::ExitStatusSpec& row : ExitStatuses()) {
+        if (row.status == status)
+            return QString::fromUtf8(row.word);
+    }
+    return QString();
 }
 
 } // namespace publish

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/programspec.h"
+
 #include <QString>
 
 namespace publish {
@@ -13,7 +15,10 @@ enum ExitStatus : int {
     ExitInterrupted = 4, //!< interrupted by a signal; clients see nothing new
 };
 
-/** The list above as the last paragraph of a help text. */
-QString ExitStatusHelp();
+/** The list above, with the word of each in the result and its meaning for people. */
+QList<tools::ExitStatusSpec> ExitStatuses();
+
+/** The word of `status` in the list. */
+QString ResultWord(ExitStatus status);
 
 } // namespace publish

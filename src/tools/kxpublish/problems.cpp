@@ -31,10 +31,10 @@ void Problems::PrintWarnings()
 void Problems::Print() const
 {
     for (const QString& problem : problems.mid(0, maxPrinted))
-        Say(problem);
+        Complain(problem);
     if (problems.size() > maxPrinted)
-        Say(QStringLiteral("... and %1 more").arg(problems.size() - maxPrinted));
-    Say(problems.size() == 1 ? QStringLiteral("refused, 1 problem")
+        Complain(QStringLiteral("... and %1 more").arg(problems.size() - maxPrinted));
+    Complain(problems.size() == 1 ? QStringLiteral("refused, 1 problem")
                              : QStringLiteral("refused, %1 problems").arg(problems.size()));
 }
 

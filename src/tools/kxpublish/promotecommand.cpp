@@ -31,7 +31,7 @@ ExitStatus PromoteCommand::Run()
     QString error;
     // The lock comes before the look at the builds: none may come or go in between.
     if (problems.IsEmpty() && !server.Open(error)) {
-        Say(error);
+        Complain(error);
         return ExitFailed;
     }
     if (problems.IsEmpty())
@@ -41,7 +41,7 @@ ExitStatus PromoteCommand::Run()
         return ExitRefused;
     }
     if (IsInterrupted()) {
-        Say(QStringLiteral("interrupted, the version on offer is unchanged"));
+        Complain(QStringLiteral("interrupted, the version on offer is unchanged"));
         return ExitInterrupted;
     }
 
@@ -50,7 +50,7 @@ ExitStatus PromoteCommand::Run()
         Warn(QStringLiteral("%1 is earlier than %2, which clients are offered now")
                  .arg(settings.version, before));
     if (!server.PlaceVersionReply(WriteVersionReply(settings.version), error)) {
-        Say(error);
+        Complain(error);
         return ExitFailed;
     }
     PrintDatum(QStringLiteral("reply"), server.VersionReplyPath());

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/programspec.h"
+
 #include <QString>
 
 /** What the process ends with; --help prints the table. */
@@ -20,5 +22,5 @@ enum class ExitStatus : int {
 /** The word of the result line for `status`; Done has several, which commands give themselves. */
 QString ResultWord(ExitStatus status);
 
-/** The table of statuses for --help, one line each. */
-QString ExitStatusHelp();
+/** All of them, with the words of their results and their meanings. */
+QList<tools::ExitStatusSpec> ExitStatuses();

@@ -1,8 +1,8 @@
 #include "logforwarder.h"
 
-#include "console.h"
+#include "common/console.h"
 
-LogForwarder::LogForwarder(Console& console, int level) : console(console), level(level)
+LogForwarder::LogForwarder(tools::Console& console, int level) : console(console), level(level)
 {
     common::logger::SetLogger(this);
 }

@@ -2,7 +2,9 @@
 
 #include <kxcommon/logger.h>
 
+namespace tools {
 class Console;
+}
 
 /**
  * Prints the library's log messages up to a severity, and the lines of the plan always: they tell
@@ -13,7 +15,7 @@ class LogForwarder : public common::logger::ILogger
 {
 public:
     /** `level`: most verbose severity to print, -1 for none. The console is not owned. */
-    LogForwarder(Console& console, int level);
+    LogForwarder(tools::Console& console, int level);
     ~LogForwarder() override;
 
     void Log(const common::logger::IMessage& message) override;
@@ -21,6 +23,6 @@ public:
 private:
     Q_DISABLE_COPY(LogForwarder)
 
-    Console& console;
+    tools::Console& console;
     int level;
 };

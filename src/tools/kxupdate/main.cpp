@@ -1,10 +1,11 @@
-#include "console.h"
+#include "common/commandline.h"
+#include "common/console.h"
+#include "common/terminal.h"
 #include "exitstatus.h"
 #include "interrupt.h"
 #include "logforwarder.h"
 #include "options.h"
 #include "session.h"
-#include "terminal.h"
 
 #include <QCoreApplication>
 #include <QNetworkProxyFactory>
@@ -24,7 +25,7 @@ void PrintQtMessage(QtMsgType type, const QMessageLogContext&, const QString& te
 
 int Run(QCoreApplication& app, const Options& options)
 {
-    Console console(options.quiet);
+    tools::Console console(options.quiet);
     const LogForwarder logger(console, options.logLevel);
     const Interrupt interrupt;
     Session session(options, console);
@@ -39,26 +40,29 @@ int Run(QCoreApplication& app, const Options& options)
 
 int main(int argc, char** argv)
 {
-    OpenMissingStreams();
+    tools::OpenMissingStreams();
     qInstallMessageHandler(PrintQtMessage);
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("kxupdate"));
     QNetworkProxyFactory::setUseSystemConfiguration(true);
 
+    tools::CommandLine line(Program());
     Options options;
     QString problem;
-    switch (ParseOptions(QCoreApplication::arguments(), options, problem)) {
-    case ParseOutcome::Run:
-        return Run(app, options);
-    case ParseOutcome::Help:
-        std::fputs(qUtf8Printable(HelpText()), stdout);
+    switch (line.Parse(QCoreApplication::arguments())) {
+    case tools::CommandLine::Outcome::Print:
+        std::fputs(qUtf8Printable(line.Text()), stdout);
         return int(ExitStatus::Done);
-    case ParseOutcome::Version:
-        std::puts("kxupdate " KX_VERSION);
-        return int(ExitStatus::Done);
-    case ParseOutcome::Wrong:
+    case tools::CommandLine::Outcome::Run:
+        problem = ReadOptions(line, options);
+        if (problem.isEmpty())
+            return Run(app, options);
+        break;
+    case tools::CommandLine::Outcome::Wrong:
+        problem = line.Problem();
         break;
     }
-    std::fprintf(stderr, "kxupdate: %s; see kxupdate --help\n", qUtf8Printable(problem));
+    std::fprintf(stderr, "kxupdate: %s; %s\n", qUtf8Printable(problem),
+                 qUtf8Printable(line.HelpHint()));
     return int(ExitStatus::Usage);
 }

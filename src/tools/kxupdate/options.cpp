@@ -1,8 +1,7 @@
 #include "options.h"
 
-#include "exitstatus.h"
+#include "common/commandline.h"
 
-#include <QCommandLineParser>
 #include <QDir>
 #include <QUrl>
 
@@ -18,30 +17,37 @@ enum Need : unsigned {
     Download = 1u << 4,
 };
 
-struct CommandRow
+struct NeedRow
 {
     const char* name;
     Command command;
     unsigned needs;
 };
 
-const CommandRow commands[] = {
+const NeedRow needRows[] = {
     {"check", Command::Check, Url | Package | Current | Application},
     {"download", Command::Download, Url | Package | Current | Application | Download},
     {"install", Command::Install, Application | Download},
     {"update", Command::Update, Url | Package | Current | Application | Download},
+    {"repair", Command::Repair, Url | Package | Current | Application | Download},
     {"verify", Command::Verify, 0},
+    {"status", Command::Status, Application},
 };
 
-struct NeedRow
+struct SettingRow
 {
     const char* option;
     unsigned need;
+    QString Options::*value;
 };
 
-const NeedRow needRows[] = {
-    {"url", Url},         {"package", Package},   {"current", Current},
-    {"app", Application}, {"download", Download},
+const SettingRow settingRows[] = {
+    {"url", Url, &Options::url},
+    {"package", Package, &Options::package},
+    {"current", Current, &Options::current},
+    {"app", Application, &Options::application},
+    {"download", Download, &Options::download},
+    {"xml", 0, &Options::xml},
 };
 
 QString Absolute(const QString& path)
@@ -64,148 +70,73 @@ QString UrlProblem(const QString& text)
     return QString();
 }
 
-QString MissingOption(const CommandRow& row, const QCommandLineParser& parser)
+QString MissingOption(const NeedRow& row, const Options& options)
 {
-    for (const NeedRow& need : needRows) {
-        const QString name = QString::fromLatin1(need.option);
-        if ((row.needs & need.need) && !parser.isSet(name))
-            return QStringLiteral("'%1' needs --%2").arg(QString::fromLatin1(row.name), name);
+    for (const SettingRow& setting : settingRows) {
+        if ((row.needs & setting.need) && (options.*setting.value).isEmpty())
+            return QStringLiteral("'%1' needs --%2")
+                .arg(QString::fromLatin1(row.name), QString::fromLatin1(setting.option));
     }
     if (row.command == Command::Verify) {
-        const bool application = parser.isSet(QStringLiteral("app"));
-        if (application == parser.isSet(QStringLiteral("download")))
+        const bool application = !options.application.isEmpty();
+        if (application == !options.download.isEmpty())
             return QStringLiteral("'verify' needs one of --download and --app");
-        if (application && !parser.isSet(QStringLiteral("xml")))
+        if (application && options.xml.isEmpty())
             return QStringLiteral("'verify' needs --xml when it checks --app");
     }
     return QString();
 }
 
-void AddOptions(QCommandLineParser& parser)
+// Empty when the option is absent or a number of the range, which `number` then holds.
+QString ReadNumber(const tools::CommandLine& line, const char* option, int least, int most,
+                   int& number)
 {
-    const QString value = QStringLiteral("value");
-    for (const char* name : {"url", "package", "current", "app", "download", "xml", "log-level"})
-        parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString(), value));
-    parser.addOption(QCommandLineOption(QStringList{QStringLiteral("q"), QStringLiteral("quiet")}));
-    parser.addOption(QCommandLineOption(QStringList{QStringLiteral("h"), QStringLiteral("help")}));
-    parser.addOption(QCommandLineOption(QStringLiteral("version")));
-}
-
-QString EmptyValue(const QCommandLineParser& parser)
-{
-    for (const char* name : {"url", "package", "current", "app", "download", "xml"}) {
-        const QString option = QString::fromLatin1(name);
-        if (parser.isSet(option) && parser.value(option).isEmpty())
-            return QStringLiteral("--%1 is empty").arg(option);
-    }
+    if (!line.IsSet(option))
+        return QString();
+    bool good = false;
+    const int value = line.Value(option).toInt(&good);
+    if (!good || value < least || value > most)
+        return QStringLiteral("--%1 '%2' is not a number from %3 to %4")
+            .arg(QString::fromLatin1(option), line.Value(option))
+            .arg(least)
+            .arg(most);
+    number = value;
     return QString();
 }
 
 } // namespace
 
-ParseOutcome ParseOptions(const QStringList& arguments, Options& options, QString& problem)
+QString ReadOptions(const tools::CommandLine& line, Options& options)
 {
-    QCommandLineParser parser;
-    AddOptions(parser);
-    const bool parsed = parser.parse(arguments);
-    if (parser.isSet(QStringLiteral("help")))
-        return ParseOutcome::Help;
-    if (parser.isSet(QStringLiteral("version")))
-        return ParseOutcome::Version;
-
-    const auto wrong = [&problem](const QString& text) {
-        problem = text;
-        return ParseOutcome::Wrong;
-    };
-    if (!parsed)
-        return wrong(parser.errorText());
-
-    const QStringList words = parser.positionalArguments();
-    if (words.isEmpty())
-        return wrong(QStringLiteral("a command is missing"));
-    if (words.size() > 1)
-        return wrong(QStringLiteral("unexpected argument '%1'").arg(words.at(1)));
-
-    const CommandRow* row = nullptr;
-    for (const CommandRow& candidate : commands) {
-        if (words.first() == QLatin1String(candidate.name))
+    const NeedRow* row = nullptr;
+    for (const NeedRow& candidate : needRows) {
+        if (line.Command() == QLatin1String(candidate.name))
             row = &candidate;
     }
     if (!row)
-        return wrong(QStringLiteral("unknown command '%1'").arg(words.first()));
-
-    for (const QString& text : {EmptyValue(parser), MissingOption(*row, parser)}) {
-        if (!text.isEmpty())
-            return wrong(text);
-    }
-
+        return QStringLiteral("a command is missing");
     options.command = row->command;
-    options.url = parser.value(QStringLiteral("url"));
-    if (row->needs & Url) {
-        const QString text = UrlProblem(options.url);
-        if (!text.isEmpty())
-            return wrong(text);
-        while (options.url.endsWith(u'/'))
-            options.url.chop(1);
+
+    for (const SettingRow& setting : settingRows) {
+        if (line.IsSet(setting.option) && line.Value(setting.option).isEmpty())
+            return QStringLiteral("--%1 is empty").arg(QString::fromLatin1(setting.option));
+        options.*setting.value = line.Value(setting.option);
     }
-    options.package = parser.value(QStringLiteral("package"));
-    options.current = parser.value(QStringLiteral("current"));
-    options.application = Absolute(parser.value(QStringLiteral("app")));
-    options.download = Absolute(parser.value(QStringLiteral("download")));
-    options.xml = Absolute(parser.value(QStringLiteral("xml")));
+    QString problem = MissingOption(*row, options);
+    if (problem.isEmpty() && (row->needs & Url))
+        problem = UrlProblem(options.url);
+    if (problem.isEmpty())
+        problem = ReadNumber(line, "log-level", 0, 7, options.logLevel);
+    if (!problem.isEmpty())
+        return problem;
+
+    while (options.url.endsWith(u'/'))
+        options.url.chop(1);
+    options.application = Absolute(options.application);
+    options.download = Absolute(options.download);
+    options.xml = Absolute(options.xml);
     if (options.xml.isEmpty() && !options.download.isEmpty())
         options.xml = options.download + QStringLiteral(".xml");
-    options.quiet = parser.isSet(QStringLiteral("quiet"));
-
-    if (parser.isSet(QStringLiteral("log-level"))) {
-        bool number = false;
-        options.logLevel = parser.value(QStringLiteral("log-level")).toInt(&number);
-        if (!number || options.logLevel < 0 || options.logLevel > 7)
-            return wrong(QStringLiteral("--log-level '%1' is not a number from 0 to 7")
-                             .arg(parser.value(QStringLiteral("log-level"))));
-    }
-    return ParseOutcome::Run;
-}
-
-QString HelpText()
-{
-    return QStringLiteral(
-               "Usage: kxupdate COMMAND [options]\n"
-               "\n"
-               "Keeps an application directory current from a static update server.\n"
-               "\n"
-               "Commands\n"
-               "  check     ask whether the server has something else than the application holds\n"
-               "  download  assemble and verify the server's version in the download directory\n"
-               "  install   swap a downloaded version in; the old one comes back if that fails\n"
-               "  update    all of it: check, download, install; also repairs damaged files\n"
-               "  verify    compare --download (or --app) with the package that --xml describes\n"
-               "\n"
-               "Options\n"
-               "  --url URL        base address of the server, the part before /packages\n"
-               "  --package NAME   name of the package on the server\n"
-               "  --current TEXT   version of the installed application; any text, 0 for none\n"
-               "  --app DIR        application directory; need not exist yet\n"
-               "  --download DIR   where the new version is assembled; made when missing, cleared\n"
-               "                   when it was made here (DIR.kxupdate marks it), else refused\n"
-               "  --xml FILE       where the package description is kept; default: DIR.xml\n"
-               "  --log-level N    forward the library's messages up to severity N, 0 to 7\n"
-               "  -q, --quiet      print only errors and data\n"
-               "  -h, --help       print this text\n"
-               "  --version        print the version\n"
-               "\n"
-               "  check, download and update need --url, --package, --current and --app; all but\n"
-               "  check need --download.\n"
-               "\n"
-               "Example\n"
-               "  kxupdate update --url https://updates.example.org --package hello --current 1.0 "
-               "\\\n"
-               "      --app /opt/hello --download /var/cache/hello/next\n"
-               "\n"
-               "Messages go to stderr, data to stdout as 'name: value'; the last line is "
-               "'result'.\n"
-               "Ctrl-C ends the command, but a swap that has begun is finished first.\n"
-               "\n"
-               "Exit statuses, each with the word of its result line\n") +
-           ExitStatusHelp();
+    options.quiet = line.IsSet("quiet");
+    return QString();
 }

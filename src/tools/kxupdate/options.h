@@ -1,12 +1,17 @@
 #pragma once
 
+#include "common/programspec.h"
+
 #include <QString>
-#include <QStringList>
+
+namespace tools {
+class CommandLine;
+}
 
 /** What the command line asks for. Paths are absolute and clean, the URL has no "/" at its end. */
 struct Options
 {
-    enum class Command { Check, Download, Install, Update, Verify };
+    enum class Command { Check, Download, Install, Update, Repair, Verify, Status };
 
     Command command = Command::Check;
     QString url;
@@ -15,18 +20,24 @@ struct Options
     QString application; //!< application directory
     QString download;    //!< download directory
     QString xml;         //!< where the package XML is kept
+    QString config;      //!< configuration file; empty: none
     int logLevel = -1;   //!< most verbose library message to forward, 0 to 7; -1: none
+    QString logFile;     //!< where library messages are appended; empty: stderr
+    QString proxy;       //!< URL of a proxy, "none", or empty for the system's settings
+    QString caFile;      //!< PEM file of certificates to trust besides the system's
+    int timeout = 0;     //!< seconds without any data before a transfer fails; 0: the library's own
+    int interval = 0;    //!< seconds between two checks of a watch; 0: the library's own
+    bool watch = false;  //!< stays and checks again and again
+    bool run = false;    //!< starts the new executable after a successful swap
+    bool json = false;   //!< one JSON object a line instead of data and messages
     bool quiet = false;  //!< no states and no progress
 };
 
-/** What the caller is to do after ParseOptions(). */
-enum class ParseOutcome { Run, Help, Version, Wrong };
+/** The command line of the tool: one row a command. */
+const tools::ProgramSpec& Program();
 
 /**
- * Reads the command line, program name first. Wrong: `problem` says in one line what is wrong;
- * `options` is complete only for Run.
+ * Fills `options` from a parsed line. Empty for success, else what is wrong, in one line; `options`
+ * is complete only for success.
  */
-ParseOutcome ParseOptions(const QStringList& arguments, Options& options, QString& problem);
-
-/** The text of --help. */
-QString HelpText();
+QString ReadOptions(const tools::CommandLine& line, Options& options);

@@ -1,6 +1,6 @@
 #include "session.h"
 
-#include "console.h"
+#include "common/console.h"
 #include "diskspace.h"
 #include "packagefile.h"
 #include "paths.h"
@@ -17,7 +17,7 @@ QString Shown(const QUrl& url)
 
 } // namespace
 
-Session::Session(const Options& options, Console& console, QObject* parent)
+Session::Session(const Options& options, tools::Console& console, QObject* parent)
     : QObject(parent),
       options(options),
       console(console),
@@ -80,6 +80,8 @@ void Session::Start()
                  &Session::CheckAssembly,    &Session::VerifyTree,  &Session::Install,
                  &Session::Conclude};
         break;
+    case Options::Command::Repair:
+    case Options::Command::Status:
     case Options::Command::Verify:
         steps = {&Session::LoadPackage, &Session::VerifyTree, &Session::Conclude};
         break;
@@ -358,6 +360,8 @@ void Session::Conclude()
     case Options::Command::Check:
     case Options::Command::Install:
     case Options::Command::Update:
+    case Options::Command::Repair:
+    case Options::Command::Status:
         break;
     }
 

@@ -15,7 +15,9 @@
 
 #include <memory>
 
+namespace tools {
 class Console;
+}
 
 /**
  * Runs one command: a row of steps, each of which ends by starting the next one or by finishing.
@@ -31,7 +33,7 @@ class Session : public QObject
     Q_OBJECT
 public:
     /** The console is not owned. */
-    Session(const Options& options, Console& console, QObject* parent = nullptr);
+    Session(const Options& options, tools::Console& console, QObject* parent = nullptr);
     ~Session() override;
 
     void Start();
@@ -112,7 +114,7 @@ private:
     void ConcludeFailedSwap();
 
     const Options options;
-    Console& console;
+    tools::Console& console;
     const ApplicationDirectory application;
     const DownloadDirectory download;
 

@@ -1,6 +1,6 @@
 #include "session.h"
 
-#include "console.h"
+#include "common/console.h"
 #include "errorhints.h"
 #include "packagefile.h"
 #include "paths.h"

@@ -1,6 +1,8 @@
 #pragma once
 
-/** The standard streams that kxupdate writes to. */
+namespace tools {
+
+/** The standard streams that a tool writes to. */
 enum class Stream { Output, Error };
 
 /**
@@ -14,3 +16,5 @@ bool IsTerminal(Stream stream);
 
 /** Columns of the terminal behind `stream`; 80 when unknown. */
 int TerminalWidth(Stream stream);
+
+} // namespace tools

@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+namespace tools {
+
 namespace {
 
 HANDLE Handle(Stream stream)
@@ -29,3 +31,5 @@ int TerminalWidth(Stream stream)
         return 80;
     return info.srWindow.Right - info.srWindow.Left + 1;
 }
+
+} // namespace tools

@@ -7,6 +7,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+namespace tools {
+
 namespace {
 
 int Descriptor(Stream stream)
@@ -39,3 +41,5 @@ int TerminalWidth(Stream stream)
         return 80;
     return size.ws_col;
 }
+
+} // namespace tools

@@ -4,6 +4,8 @@
 
 #include <cstdio>
 
+namespace tools {
+
 namespace {
 
 QString Printable(QString text)
@@ -91,3 +93,5 @@ void Console::PrintLine(Stream stream, const QString& text)
     if (onBar)
         Write(Stream::Error, progressLine.Redraw());
 }
+
+} // namespace tools

@@ -2,6 +2,8 @@
 
 #include <QString>
 
+namespace tools {
+
 /**
  * Turns percentages into what is written to show them: a bar that is drawn again in place on a
  * terminal, a line per quarter elsewhere. Knows what stands on the terminal; writes nothing
@@ -32,3 +34,5 @@ private:
     QString bar;
     bool drawn = false;
 };
+
+} // namespace tools

@@ -2,6 +2,8 @@
 
 #include <QtGlobal>
 
+namespace tools {
+
 namespace {
 
 constexpr int barCells = 30;
@@ -74,3 +76,5 @@ QString ProgressLine::Bar(int percent, const QString& label) const
     // A line that fills the last column wraps on some terminals and can no longer be erased.
     return text.left(qMax(1, width - 1));
 }
+
+} // namespace tools

@@ -6,8 +6,10 @@
 #include <QMutex>
 #include <QString>
 
+namespace tools {
+
 /**
- * Everything that kxupdate prints: messages, errors and progress on stderr, data on stdout.
+ * Everything that a tool prints: messages, errors and progress on stderr, data on stdout.
  * Control characters in texts are replaced: some come from the server, and none may reach the
  * terminal. Safe from any thread.
  */
@@ -40,3 +42,5 @@ private:
     QMutex mutex;        // guards all below, and the streams
     ProgressLine progressLine;
 };
+
+} // namespace tools
