@@ -1,0 +1,7 @@
+#include "endwithparent.h"
+
+namespace publish {
+
+void EndWithParent(QProcess&) {}
+
+} // namespace publish
