@@ -53,6 +53,12 @@ bool Rename(const QString& from, const QString& to, QString& error)
     return !code;
 }
 
+// Fails, as it should, for a directory that holds anything.
+void RemoveIfEmpty(const QString& path)
+{
+    QDir().rmdir(path);
+}
+
 QString LockError(QLockFile& lock, const QString& path)
 {
     if (lock.error() != QLockFile::LockFailedError)
@@ -105,6 +111,16 @@ QString ServerTree::FilesPath(const Build& build) const
     return BuildPath(build) + QStringLiteral("/files");
 }
 
+QString ServerTree::NotesPath(const Build& build) const
+{
+    return BuildPath(build) + QStringLiteral("/notes.md");
+}
+
+QString ServerTree::HistoryPath() const
+{
+    return PackagesPath() + QStringLiteral("/.kxpublish.history");
+}
+
 QString ServerTree::FilesUrl(const QString& baseUrl, const Build& build)
 {
     return baseUrl + QLatin1Char('/') + BuildDirectory(build) + QStringLiteral("/files");
@@ -116,6 +132,16 @@ bool ServerTree::IsTaken(const Build& build) const
 }
 
 QList<Build> ServerTree::Builds() const
+{
+    return BuildDirectories(true);
+}
+
+QList<Build> ServerTree::UnfinishedBuilds() const
+{
+    return BuildDirectories(false);
+}
+
+QList<Build> ServerTree::BuildDirectories(bool withManifest) const
 {
     QList<Build> builds;
     for (const QString& name : Directories(PackagesPath())) {
@@ -132,7 +158,7 @@ QList<Build> ServerTree::Builds() const
             PackagesPath() + QLatin1Char('/') + name + QLatin1Char('/') + updater::Build::OSName();
         for (const QString& platform : Directories(systemPath)) {
             build.platform = platform;
-            if (QFileInfo(ManifestPath(build)).isFile())
+            if (QFileInfo(ManifestPath(build)).isFile() == withManifest)
                 builds.append(build);
         }
     }
@@ -167,6 +193,7 @@ bool ServerTree::Open(QString& error)
     lock = std::move(taken);
     if (!RemoveWork(error))
         return false;
+    RemoveEmptyBuildDirectories();
     if (!QDir().mkpath(StagedBuildPath() + QStringLiteral("/files"))) {
         error = QStringLiteral("cannot make the directory %1").arg(Shown(StagedBuildPath()));
         return false;
@@ -176,10 +203,20 @@ bool ServerTree::Open(QString& error)
 
 QString ServerTree::StagedBuildPath() const
 {
-    return WorkPath() + QStringLiteral("/build");
+    return StagedPath(QStringLiteral("build"));
+}
+
+QString ServerTree::StagedPath(const QString& name) const
+{
+    return WorkPath() + QLatin1Char('/') + name;
 }
 
 bool ServerTree::PlaceBuild(const Build& build, QString& error)
+{
+    return PlaceBuild(StagedBuildPath(), build, error);
+}
+
+bool ServerTree::PlaceBuild(const QString& staged, const Build& build, QString& error)
 {
     const QString place = BuildPath(build);
     const QString parent = QFileInfo(place).path();
@@ -188,16 +225,48 @@ bool ServerTree::PlaceBuild(const Build& build, QString& error)
         error = QStringLiteral("%1 exists already").arg(Shown(place));
         return false;
     }
-    if (!MakeDirectories(parent, error) || !Rename(StagedBuildPath(), place, error))
+    if (!MakeDirectories(parent, error) || !Rename(staged, place, error))
         return false;
     made.clear();
     return Sync(parent, error);
 }
 
+bool ServerTree::TakeBuildAway(const Build& build, QString& error)
+{
+    const QString place = BuildPath(build);
+    const QString parent = QFileInfo(place).path();
+    const QString away = StagedPath(QStringLiteral("removed-%1").arg(++takenAway));
+    // On the disk before anything is deleted: after a power cut the build is there whole, or gone.
+    if (!Rename(place, away, error) || !Sync(WorkPath(), error) || !Sync(parent, error))
+        return false;
+    RemoveIfEmpty(parent);
+    RemoveIfEmpty(QFileInfo(parent).path());
+    return true;
+}
+
+bool ServerTree::Discard(QString& error)
+{
+    if (RemoveWork(error) && QDir().mkpath(WorkPath()))
+        return true;
+    if (error.isEmpty())
+        error = QStringLiteral("cannot make the directory %1").arg(Shown(WorkPath()));
+    return false;
+}
+
 bool ServerTree::PlaceVersionReply(const QByteArray& text, QString& error)
 {
-    const QString staged = WorkPath() + QStringLiteral("/version.xml");
-    return WriteNewFile(staged, text, error) && Rename(staged, VersionReplyPath(), error) &&
+    return PlaceText(text, VersionReplyPath(), error);
+}
+
+bool ServerTree::PlaceHistory(const QByteArray& text, QString& error)
+{
+    return PlaceText(text, HistoryPath(), error);
+}
+
+bool ServerTree::PlaceText(const QByteArray& text, const QString& path, QString& error)
+{
+    const QString staged = StagedPath(QFileInfo(path).fileName());
+    return WriteNewFile(staged, text, error) && Rename(staged, path, error) &&
            Sync(PackagesPath(), error);
 }
 
@@ -219,9 +288,21 @@ bool ServerTree::MakeDirectories(const QString& path, QString& error)
 
 void ServerTree::RemoveMadeDirectories()
 {
-    // Fails, as it should, for directories in which somebody else has put something meanwhile.
     while (!made.isEmpty())
-        QDir().rmdir(made.takeLast());
+        RemoveIfEmpty(made.takeLast());
+}
+
+// A run that is killed right before a build is placed, or right after one is taken away, leaves the
+// directories around it.
+void ServerTree::RemoveEmptyBuildDirectories()
+{
+    for (const QString& name : Directories(PackagesPath())) {
+        if (!name.contains(SeparatorText()))
+            continue;
+        const QString path = PackagesPath() + QLatin1Char('/') + name;
+        RemoveIfEmpty(path + QLatin1Char('/') + updater::Build::OSName());
+        RemoveIfEmpty(path);
+    }
 }
 
 QString ServerTree::WorkPath() const

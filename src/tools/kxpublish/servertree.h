@@ -24,12 +24,14 @@ struct Build
  *     ROOT/packages/version.xml                                        version offered to clients
  *     ROOT/packages/PACKAGE-vVERSION/windows/PLATFORM/index.xml        manifest of one build
  *     ROOT/packages/PACKAGE-vVERSION/windows/PLATFORM/files/           files of the build
+ *     ROOT/packages/PACKAGE-vVERSION/windows/PLATFORM/notes.md         its release notes, if any
+ *     ROOT/packages/.kxpublish.history                                 versions offered before
  *     ROOT/packages/.kxpublish/                                        what a run is working on
  *     ROOT/packages/.kxpublish.lock                                    held by the run that writes
  *
  * Everything is made in the hidden working directory, brought to the disk, and renamed into place:
- * a build appears whole or not at all, and what an interrupted run leaves behind is removed by the
- * next. One run writes at a time.
+ * a build appears whole or not at all, and goes the same way backwards. What an interrupted run
+ * leaves behind is removed by the next one that writes. One run writes at a time.
  */
 class ServerTree
 {
@@ -43,6 +45,8 @@ public:
     QString BuildPath(const Build& build) const;
     QString ManifestPath(const Build& build) const;
     QString FilesPath(const Build& build) const;
+    QString NotesPath(const Build& build) const;
+    QString HistoryPath() const;
     /** Address of the files of `build`, when the tree is served at `baseUrl`. */
     static QString FilesUrl(const QString& baseUrl, const Build& build);
 
@@ -50,21 +54,38 @@ public:
     bool IsTaken(const Build& build) const;
     /** Every published build, sorted by package, platform and version. */
     QList<Build> Builds() const;
+    /** What stands where a build would, but has no manifest; sorted likewise. */
+    QList<Build> UnfinishedBuilds() const;
     /** Version that clients are offered now; empty when there is none. */
     QString OfferedVersion() const;
 
-    /** Prepares for writing: makes `packages`, takes the lock, empties the working directory. */
+    /** Prepares for writing: makes `packages`, takes the lock, empties the working directory, and
+     *  removes directories in which a build stood or was to stand. */
     bool Open(QString& error);
     /** Path for a build in the making, with its files in "files"; exists after Open(). */
     QString StagedBuildPath() const;
     /** Moves the staged build, which must be on the disk already, to where clients find it. */
     bool PlaceBuild(const Build& build, QString& error);
+    /** Path in the working directory, which exists after Open(). */
+    QString StagedPath(const QString& name) const;
+    /** Likewise for a build that was staged at `staged`. */
+    bool PlaceBuild(const QString& staged, const Build& build, QString& error);
+    /** Moves a build out of the clients' sight, in one step. It is deleted by Discard(), or at the
+     *  end. */
+    bool TakeBuildAway(const Build& build, QString& error);
+    /** Deletes everything in the working directory. */
+    bool Discard(QString& error);
     /** Replaces the version reply, in one step. */
     bool PlaceVersionReply(const QByteArray& text, QString& error);
+    /** Replaces the history, in one step. */
+    bool PlaceHistory(const QByteArray& text, QString& error);
 
 private:
     Q_DISABLE_COPY(ServerTree)
 
+    QList<Build> BuildDirectories(bool withManifest) const;
+    bool PlaceText(const QByteArray& text, const QString& path, QString& error);
+    void RemoveEmptyBuildDirectories();
     bool MakeDirectories(const QString& path, QString& error);
     void RemoveMadeDirectories();
     QString WorkPath() const;
@@ -73,6 +94,7 @@ private:
     QString root;
     std::unique_ptr<QLockFile> lock; // held from Open() on
     QStringList made;                // directories made by this run, parents first
+    int takenAway = 0;               // builds in the working directory that were published
 };
 
 } // namespace publish
