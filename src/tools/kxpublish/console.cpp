@@ -121,16 +121,21 @@ void FinishOutput(const QString& command, int exitStatus, const QString& word)
     Write(stdout, QString::fromUtf8(QJsonDocument(output.result).toJson()));
 }
 
+QString Printable(const QString& text)
+{
+    QString printable;
+    for (const QChar c : text) {
+        if (c.isPrint() || c.isSurrogate())
+            printable += c;
+        else
+            printable += Escaped(c.unicode());
+    }
+    return printable;
+}
+
 QString Shown(const QString& name)
 {
-    QString shown;
-    for (const QChar c : name) {
-        if (c.isPrint() || c.isSurrogate())
-            shown += c;
-        else
-            shown += Escaped(c.unicode());
-    }
-    return QLatin1Char('\'') + shown + QLatin1Char('\'');
+    return QLatin1Char('\'') + Printable(name) + QLatin1Char('\'');
 }
 
 QString Shown(const QByteArray& nativeName)

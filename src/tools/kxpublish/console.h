@@ -41,9 +41,13 @@ void EndProgress();
 /** Prints the JSON object, if there is to be one. Once, after everything else. */
 void FinishOutput(const QString& command, int exitStatus, const QString& word);
 
+/** `text` with \xNN for each character that does not print, so that it can neither break a line nor
+ *  drive the terminal. */
+QString Printable(const QString& text);
+
 /**
- * `name` in single quotes for a message. Characters that do not print, and bytes that are not
- * UTF-8, stand as \xNN, so that a name can neither break a line nor drive the terminal.
+ * `name` in single quotes for a message, made printable; bytes that are not UTF-8 stand as \xNN
+ * too.
  */
 QString Shown(const QString& name);
 QString Shown(const QByteArray& nativeName);

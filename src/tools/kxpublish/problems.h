@@ -17,6 +17,9 @@ public:
     void Warn(const QString& subject, const QString& reason);
 
     bool IsEmpty() const;
+    /** Problems and warnings as "SUBJECT: REASON", in the order in which they were found. */
+    const QStringList& Refusals() const { return problems; }
+    const QStringList& Warnings() const { return warnings; }
     /** Messages for all warnings, which are then forgotten. */
     void PrintWarnings();
     /** Messages for the first hundred problems, and how many there are. */
