@@ -7,7 +7,6 @@
 
 namespace publish {
 
-// Clients give up on a longer reply.
 static constexpr qint64 maxReply = 64 * 1024 * 1024;
 
 QString PermissionText(int mode, bool isLink)
@@ -79,6 +78,11 @@ QString ManifestProblem(const Manifest& manifest, const QByteArray& text)
                 .arg(should.Name());
     }
     return {};
+}
+
+qint64 MaxReplySize()
+{
+    return maxReply;
 }
 
 QByteArray WriteVersionReply(const QString& version)

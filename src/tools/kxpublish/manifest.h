@@ -31,6 +31,9 @@ Manifest ReadManifest(const QString& package, const QByteArray& text);
 /** Why clients would not get from `text` what `manifest` says; empty when they would. */
 QString ManifestProblem(const Manifest& manifest, const QByteArray& text);
 
+/** Bytes of a reply beyond which clients give up on it. */
+qint64 MaxReplySize();
+
 /** The version reply that offers `version`, as the text of a version.xml. */
 QByteArray WriteVersionReply(const QString& version);
 
