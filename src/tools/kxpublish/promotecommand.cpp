@@ -2,16 +2,15 @@
 
 #include "console.h"
 #include "disk.h"
+#include "history.h"
 #include "interrupt.h"
 #include "manifest.h"
 #include "names.h"
+#include "publishedbuild.h"
 
 #include <kxcommon/version.h>
 
-#include <QFile>
 #include <QFileInfo>
-#include <QMap>
-#include <QPair>
 
 namespace publish {
 
@@ -35,7 +34,7 @@ ExitStatus PromoteCommand::Run()
         return ExitFailed;
     }
     if (problems.IsEmpty())
-        CheckBuilds();
+        CheckPromotable(server, settings.version, &problems);
     if (!problems.IsEmpty()) {
         problems.Print();
         return ExitRefused;
@@ -49,7 +48,8 @@ ExitStatus PromoteCommand::Run()
     if (common::Version(before) > common::Version(settings.version))
         Warn(QStringLiteral("%1 is earlier than %2, which clients are offered now")
                  .arg(settings.version, before));
-    if (!server.PlaceVersionReply(WriteVersionReply(settings.version), error)) {
+    if (!RecordHistory(before, error) ||
+        !server.PlaceVersionReply(WriteVersionReply(settings.version), error)) {
         Complain(error);
         return ExitFailed;
     }
@@ -60,35 +60,21 @@ ExitStatus PromoteCommand::Run()
     return ExitDone;
 }
 
-void PromoteCommand::CheckBuilds()
+// Before the reply: a run that is killed in between leaves a version on top that is still offered,
+// which a rollback passes over. The other way round a version would be forgotten.
+bool PromoteCommand::RecordHistory(const QString& before, QString& error)
 {
-    QMap<QPair<QString, QString>, bool> hasVersion;
-    for (const Build& build : server.Builds()) {
-        bool& has = hasVersion[qMakePair(build.package, build.platform)];
-        has = has || build.version == settings.version;
-        if (build.version == settings.version)
-            CheckManifest(build);
-    }
-    if (hasVersion.isEmpty())
-        problems.Refuse(Shown(server.PackagesPath()), QStringLiteral("nothing is published here"));
-    for (auto row = hasVersion.constBegin(); row != hasVersion.constEnd(); ++row) {
-        if (!row.value())
-            problems.Refuse(Shown(row.key().first),
-                            QStringLiteral("not published in version %1 for %2")
-                                .arg(settings.version, row.key().second));
-    }
-}
-
-// A client that is sent to a broken manifest stays on its old version, with an error on each check.
-void PromoteCommand::CheckManifest(const Build& build)
-{
-    const QString path = server.ManifestPath(build);
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        problems.Refuse(Shown(path), QStringLiteral("cannot be read: ") + file.errorString());
-    else if (ReadManifest(build.package, file.readAll()).files.isEmpty())
-        problems.Refuse(Shown(path),
-                        QStringLiteral("not a manifest with files of %1").arg(build.package));
+    History history = ReadHistory(server, before);
+    if (!history.problem.isEmpty())
+        Warn(Shown(server.HistoryPath()) + QStringLiteral(": ") + history.problem +
+             QStringLiteral("; the history begins anew"));
+    const bool isNew = !history.known;
+    const QByteArray text = history.ToText();
+    history.Promote(before, settings.version);
+    // A first version has nothing before it, and needs no history.
+    const bool same = isNew ? history.versions.isEmpty() && history.problem.isEmpty()
+                            : history.ToText() == text && !history.underWay;
+    return same || server.PlaceHistory(history.ToText(), error);
 }
 
 } // namespace publish

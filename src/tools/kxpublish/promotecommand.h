@@ -29,8 +29,7 @@ public:
 private:
     Q_DISABLE_COPY(PromoteCommand)
 
-    void CheckBuilds();
-    void CheckManifest(const Build& build);
+    bool RecordHistory(const QString& before, QString& error);
 
     PromoteSettings settings;
     ServerTree server;
