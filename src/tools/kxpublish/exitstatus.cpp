@@ -10,6 +10,7 @@ QList<tools::ExitStatusSpec> ExitStatuses()
         {ExitUsage, "usage", "the command line was not understood; nothing has changed"},
         {ExitFailed, "failed", "the system failed a read or a write; clients see nothing new"},
         {ExitInterrupted, "interrupted", "interrupted by a signal; clients see nothing new"},
+        {ExitDamaged, "damaged", "what is published has something that clients cannot use"},
     };
 }
 

@@ -13,6 +13,7 @@ enum ExitStatus : int {
     ExitUsage = 2,       //!< the command line was not understood; nothing has changed
     ExitFailed = 3,      //!< the system failed a read or a write; clients see nothing new
     ExitInterrupted = 4, //!< interrupted by a signal; clients see nothing new
+    ExitDamaged = 5,     //!< what is published has something that clients cannot use
 };
 
 /** The list above, with the word of each in the result and its meaning for people. */
