@@ -1,7 +1,14 @@
 #include "commands.h"
 
 #include "addcommand.h"
+#include "console.h"
+#include "diffcommand.h"
+#include "listcommand.h"
 #include "promotecommand.h"
+#include "prunecommand.h"
+#include "rollbackcommand.h"
+#include "servecommand.h"
+#include "verifycommand.h"
 
 #include "common/commandline.h"
 
@@ -16,6 +23,49 @@ using tools::Completion;
 using tools::OptionSpec;
 
 constexpr unsigned required = OptionSpec::Required;
+constexpr unsigned optional = OptionSpec::Optional;
+
+tools::ArgumentSpec ServerTreeArgument()
+{
+    return {"SERVERTREE", "Directory that holds the published builds.", false,
+            Completion::Directory};
+}
+
+OptionSpec OutOption()
+{
+    return {"out", "SERVERTREE", "Directory that holds the published builds.", required,
+            Completion::Directory};
+}
+
+/** Reads the value of `option`, if it is given, as a number of a range. */
+bool ReadNumber(const CommandLine& line, const char* option, int least, int most, int& number)
+{
+    if (!line.IsSet(option))
+        return true;
+    bool isNumber = false;
+    number = line.Value(option).toInt(&isNumber);
+    if (isNumber && number >= least && number <= most)
+        return true;
+    Complain(QStringLiteral("--%1 %2 is not a number from %3 to %4")
+                 .arg(QLatin1String(option), Shown(line.Value(option)))
+                 .arg(least)
+                 .arg(most));
+    Say(line.HelpHint());
+    return false;
+}
+
+template <typename Command>
+ExitStatus RunAndPrint(Command& command)
+{
+    const ExitStatus status = command.Run();
+    // A refusal has no result; what was found or done otherwise is told.
+    if (status != ExitRefused) {
+        for (const QString& line : command.Result().Lines())
+            PrintText(line + QLatin1Char('\n'));
+        PrintJson(command.Result().ToJson());
+    }
+    return status;
+}
 
 CommandSpec AddSpec()
 {
@@ -58,9 +108,7 @@ CommandSpec PromoteSpec()
         "Offers a version to the clients. One answer speaks for every package and platform of "
         "SERVERTREE, so each of them must be published in VERSION.",
         {},
-        {{"version", "VERSION", "Version to offer.", required},
-         {"out", "SERVERTREE", "Directory that holds the published builds.", required,
-          Completion::Directory}},
+        {{"version", "VERSION", "Version to offer.", required}, OutOption()},
     };
 }
 
@@ -72,6 +120,162 @@ ExitStatus RunPromote(const CommandLine& line)
     return PromoteCommand(settings).Run();
 }
 
+CommandSpec RollbackSpec()
+{
+    return {
+        "rollback",
+        "offer what was offered before",
+        "Offers the version that was offered before the present one. Another rollback goes one "
+        "more step back, never forth again.",
+        {ServerTreeArgument()},
+        {{"as", "VERSION",
+          "Publish the older builds again as VERSION, for hosts that never go back."},
+         {"dry-run", nullptr, "Only tell what would be offered."}},
+    };
+}
+
+ExitStatus RunRollback(const CommandLine& line)
+{
+    RollbackSettings settings;
+    settings.serverTree = line.Argument(0);
+    settings.as = line.Value("as");
+    settings.dryRun = line.IsSet("dry-run");
+    RollbackCommand command(settings);
+    return RunAndPrint(command);
+}
+
+CommandSpec ListSpec()
+{
+    return {
+        "list",
+        "tell what is published",
+        "Tells what is published, version by version: when, how large, and which version is "
+        "offered. OWN DISK BYTES come free when the build goes: files that builds share through "
+        "hard links are not among them.",
+        {ServerTreeArgument()},
+    };
+}
+
+ExitStatus RunList(const CommandLine& line)
+{
+    ListSettings settings;
+    settings.serverTree = line.Argument(0);
+    ListCommand command(settings);
+    return RunAndPrint(command);
+}
+
+CommandSpec DiffSpec()
+{
+    return {
+        "diff",
+        "tell what an update from one version to another does",
+        "Tells what a client that has version A downloads, copies, links and drops to have B, "
+        "the largest files first.",
+        {ServerTreeArgument(),
+         {"A", "Version that the client has."},
+         {"B", "Version that it is updated to."}},
+        {{"name", "NAME", "Package; the only one if not given."},
+         {"platform", "PLATFORM", "Platform; the only one if not given.", optional,
+          Completion::Words, "x64 x86"},
+         {"all", nullptr, "List every file, not only the 20 largest."}},
+    };
+}
+
+ExitStatus RunDiff(const CommandLine& line)
+{
+    DiffSettings settings;
+    settings.serverTree = line.Argument(0);
+    settings.from = line.Argument(1);
+    settings.to = line.Argument(2);
+    settings.package = line.Value("name");
+    settings.platform = line.Value("platform");
+    settings.all = line.IsSet("all");
+    DiffCommand command(settings);
+    return RunAndPrint(command);
+}
+
+CommandSpec VerifySpec()
+{
+    return {
+        "verify",
+        "read everything back and compare it",
+        "Reads published builds back as a client would, from the disk or over the network, and "
+        "compares them with their manifests. Every file is named that is missing, or of the "
+        "wrong size or digest, or that no client could ever verify.",
+        {{"TARGET", "Directory that holds the builds, or URL at which it is served.", false,
+          Completion::Directory}},
+        {{"name", "NAME", "Package; needed for a URL.", OptionSpec::Repeatable},
+         {"version", "VERSION", "All versions, or the offered one of a URL, if not given."},
+         {"platform", "PLATFORM", "All platforms, or x64 of a URL, if not given.", optional,
+          Completion::Words, "x64 x86"},
+         {"jobs", "N", "Files that are read at the same time, 1 to 16; 4 if not given."}},
+    };
+}
+
+ExitStatus RunVerify(const CommandLine& line)
+{
+    VerifySettings settings;
+    settings.target = line.Argument(0);
+    settings.names = line.Values("name");
+    settings.version = line.Value("version");
+    settings.platform = line.Value("platform");
+    if (!ReadNumber(line, "jobs", 1, 16, settings.jobs))
+        return ExitUsage;
+    VerifyCommand command(settings);
+    return RunAndPrint(command);
+}
+
+CommandSpec PruneSpec()
+{
+    return {
+        "prune",
+        "remove old versions",
+        "Removes old versions of each package and platform. The version on offer and the one that "
+        "a rollback would offer next stay. A client that is downloading a removed version gets a "
+        "404, and begins with the version on offer at its next check.",
+        {ServerTreeArgument()},
+        {{"keep", "N", "Latest versions that stay; at least 1.", required},
+         {"dry-run", nullptr, "Only tell what would be removed."}},
+    };
+}
+
+ExitStatus RunPrune(const CommandLine& line)
+{
+    PruneSettings settings;
+    settings.serverTree = line.Argument(0);
+    settings.dryRun = line.IsSet("dry-run");
+    if (!ReadNumber(line, "keep", 1, 1000000, settings.keep))
+        return ExitUsage;
+    PruneCommand command(settings);
+    return RunAndPrint(command);
+}
+
+CommandSpec ServeSpec()
+{
+    return {
+        "serve",
+        "serve a server tree on this machine, for trying out",
+        "Serves SERVERTREE at 127.0.0.1 with nginx until Ctrl-C, for trying out. Prints the "
+        "address, and a line for each request. Manifests go out with this address in place of the "
+        "one that they hold; nothing in the tree changes.",
+        {ServerTreeArgument()},
+        {{"port", "PORT", "Port to listen on; any free one if not given."},
+         {"limit-rate", "BYTES", "Bytes a second of each connection, such as 100k or 2m."},
+         {"keep-urls", nullptr, "Leave the addresses in manifests as they are."}},
+    };
+}
+
+ExitStatus RunServe(const CommandLine& line)
+{
+    ServeSettings settings;
+    settings.serverTree = line.Argument(0);
+    settings.port = line.IsSet("port") ? line.Value("port") : QStringLiteral("0");
+    settings.limitRate = line.Value("limit-rate");
+    settings.keepUrls = line.IsSet("keep-urls");
+    settings.quiet = line.IsSet("quiet");
+    return ServeCommand(settings).Run();
+}
+
 struct Row
 {
     CommandSpec (*spec)();
@@ -79,8 +283,9 @@ struct Row
 };
 
 const Row rows[] = {
-    {AddSpec, RunAdd},
-    {PromoteSpec, RunPromote},
+    {AddSpec, RunAdd},     {PromoteSpec, RunPromote}, {RollbackSpec, RunRollback},
+    {ListSpec, RunList},   {DiffSpec, RunDiff},       {VerifySpec, RunVerify},
+    {PruneSpec, RunPrune}, {ServeSpec, RunServe},
 };
 
 } // namespace

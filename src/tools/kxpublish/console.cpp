@@ -116,8 +116,15 @@ void FinishOutput(const QString& command, int exitStatus, const QString& word)
     output.result.insert(QStringLiteral("command"), command);
     output.result.insert(QStringLiteral("exit"), exitStatus);
     output.result.insert(QStringLiteral("result"), word);
-    output.result.insert(QStringLiteral("problems"), output.problems);
-    output.result.insert(QStringLiteral("warnings"), output.warnings);
+    // A result may have some of its own.
+    const auto append = [&output](const QString& key, const QJsonArray& texts) {
+        QJsonArray all = output.result.value(key).toArray();
+        for (const QJsonValue& text : texts)
+            all.append(text);
+        output.result.insert(key, all);
+    };
+    append(QStringLiteral("problems"), output.problems);
+    append(QStringLiteral("warnings"), output.warnings);
     Write(stdout, QString::fromUtf8(QJsonDocument(output.result).toJson()));
 }
 

@@ -53,14 +53,14 @@ QString Chosen(const QString& given, const QSet<QString>& present, const char* o
     if (given.isEmpty() && present.size() == 1)
         return *present.begin();
     if (present.isEmpty()) {
-        Say(QStringLiteral("nothing is published here"));
+        Complain(QStringLiteral("nothing is published here"));
         return {};
     }
     QStringList names;
     for (const QString& name : Sorted(present))
         names.append(Printable(name));
     const QString all = names.join(QStringLiteral(", "));
-    Say(given.isEmpty()
+    Complain(given.isEmpty()
             ? QStringLiteral("%1 is needed to choose %2: %3").arg(QLatin1String(option), what, all)
             : QStringLiteral("%1 %2: not published; there is %3")
                   .arg(QLatin1String(option), Shown(given), all));
@@ -123,10 +123,10 @@ bool DiffCommand::Read(const Build& build, Manifest& manifest) const
             continue;
         const QString problem = ReadManifestOf(server, build, manifest);
         if (!problem.isEmpty())
-            Say(Shown(server.ManifestPath(build)) + QStringLiteral(": ") + problem);
+            Complain(Shown(server.ManifestPath(build)) + QStringLiteral(": ") + problem);
         return problem.isEmpty();
     }
-    Say(QStringLiteral("%1: not published in version %2 for %3")
+    Complain(QStringLiteral("%1: not published in version %2 for %3")
             .arg(Shown(build.package), Shown(build.version), Printable(build.platform)));
     return false;
 }

@@ -48,7 +48,7 @@ PruneCommand::PruneCommand(const PruneSettings& given)
 ExitStatus PruneCommand::Run()
 {
     if (settings.keep < 1) {
-        Say(QStringLiteral("--keep %1: at least one version has to stay").arg(settings.keep));
+        Complain(QStringLiteral("--keep %1: at least one version has to stay").arg(settings.keep));
         return ExitRefused;
     }
     if (!CheckServerTree(server, settings.serverTree))
@@ -56,7 +56,7 @@ ExitStatus PruneCommand::Run()
     QString error;
     // The lock comes before the look at the builds: none may come, go or be offered in between.
     if (!settings.dryRun && !server.Open(error)) {
-        Say(error);
+        Complain(error);
         return ExitFailed;
     }
     const QList<Build> plan = Plan();
@@ -123,11 +123,11 @@ ExitStatus PruneCommand::Remove(const QList<Build>& builds)
     if (!settings.dryRun && !server.Discard(discardError) && error.isEmpty())
         error = discardError;
     if (!error.isEmpty()) {
-        Say(error);
+        Complain(error);
         return ExitFailed;
     }
     if (result.removed.size() < builds.size()) {
-        Say(QStringLiteral("interrupted, %1 builds are not removed yet")
+        Complain(QStringLiteral("interrupted, %1 builds are not removed yet")
                 .arg(builds.size() - result.removed.size()));
         return ExitInterrupted;
     }

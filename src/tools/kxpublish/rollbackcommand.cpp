@@ -281,13 +281,13 @@ ExitStatus RollbackCommand::Refuse()
 
 ExitStatus RollbackCommand::Fail(const QString& error)
 {
-    Say(error);
+    Complain(error);
     return ExitFailed;
 }
 
 ExitStatus RollbackCommand::GiveUp()
 {
-    Say(QStringLiteral("interrupted, the version on offer is unchanged"));
+    Complain(QStringLiteral("interrupted, the version on offer is unchanged"));
     return ExitInterrupted;
 }
 

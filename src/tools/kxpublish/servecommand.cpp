@@ -25,13 +25,13 @@ ExitStatus ServeCommand::Run()
         return ExitRefused;
     }
     if (LocalNginx::Program().isEmpty()) {
-        Say(QStringLiteral("nginx is not installed: apt install nginx"));
+        Complain(QStringLiteral("nginx is not installed: apt install nginx"));
         return ExitFailed;
     }
     QString error;
     ServedAddresses addresses;
     if (!FindAddresses(server, addresses, error)) {
-        Say(error);
+        Complain(error);
         return ExitFailed;
     }
 
@@ -46,13 +46,13 @@ ExitStatus ServeCommand::Run()
         // Whoever interrupts the start wants the same as later.
         if (error.isEmpty())
             return ExitDone;
-        Say(error);
+        Complain(error);
         return ExitFailed;
     }
     Announce(config, addresses.elsewhere);
     if (nginx.Run())
         return ExitDone;
-    Say(QStringLiteral("nginx has ended by itself"));
+    Complain(QStringLiteral("nginx has ended by itself"));
     return ExitFailed;
 }
 

@@ -33,7 +33,7 @@ ExitStatus VerifyCommand::Run()
         tree.Run();
     }
     if (IsInterrupted()) {
-        Say(QStringLiteral("interrupted, not everything has been read"));
+        Complain(QStringLiteral("interrupted, not everything has been read"));
         return ExitInterrupted;
     }
     return result.ProblemCount() == 0 ? ExitDone : ExitDamaged;
