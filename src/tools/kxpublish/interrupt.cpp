@@ -1,15 +1,18 @@
 #include "interrupt.h"
 
+#include <atomic>
 #include <csignal>
 
 namespace publish {
 namespace {
 
-volatile std::sig_atomic_t interrupted = 0;
+// Read by every thread that works, written by a signal handler.
+std::atomic<bool> interrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
 
 extern "C" void OnSignal(int number)
 {
-    interrupted = 1;
+    interrupted = true;
     // Whoever does not want to wait for the tidying asks a second time.
     std::signal(number, SIG_DFL);
 }
@@ -24,7 +27,7 @@ void CatchInterrupts()
 
 bool IsInterrupted()
 {
-    return interrupted != 0;
+    return interrupted;
 }
 
 } // namespace publish

@@ -41,6 +41,12 @@ bool SyncPath(const QString& path, QString& error);
  */
 bool SyncVolume(const QString& path, QString& error);
 
+/**
+ * Removes a lock file that has no text, if no process has it open as its own; false when it stays.
+ * Takes a moment, in which a process that is only about to write its text gets the time for it.
+ */
+bool RemoveAbandonedLock(const QString& path);
+
 /** The longest path that a program can open, in bytes of its native form. */
 int MaxPathLength();
 

@@ -2,6 +2,7 @@
 
 #include <QStringDecoder>
 #include <QSysInfo>
+#include <QThread>
 #include <QVersionNumber>
 
 #include <cerrno>
@@ -9,6 +10,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -150,6 +152,26 @@ bool SyncVolume(const QString& path, QString& error)
     Q_UNUSED(error);
     return false;
 #endif
+}
+
+bool RemoveAbandonedLock(const QString& path)
+{
+    const QByteArray native = QFile::encodeName(path);
+    struct stat before;
+    if (::lstat(native.constData(), &before) != 0 || !S_ISREG(before.st_mode) ||
+        before.st_size != 0)
+        return false;
+    // Between making the file and locking it a process needs some microseconds.
+    QThread::msleep(200);
+    const int descriptor = ::open(native.constData(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
+    struct stat now;
+    // QLockFile keeps such a lock on its file for as long as it holds it.
+    const bool abandoned = descriptor >= 0 && ::flock(descriptor, LOCK_EX | LOCK_NB) == 0 &&
+                           ::fstat(descriptor, &now) == 0 && now.st_ino == before.st_ino &&
+                           now.st_size == 0 && ::unlink(native.constData()) == 0;
+    if (descriptor >= 0)
+        ::close(descriptor);
+    return abandoned;
 }
 
 int MaxPathLength()

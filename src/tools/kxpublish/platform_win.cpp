@@ -96,6 +96,12 @@ bool SyncVolume(const QString&, QString&)
     return false; // needs rights that a publisher need not have
 }
 
+bool RemoveAbandonedLock(const QString& path)
+{
+    // The system refuses to remove a file that a process has open.
+    return QFileInfo(path).size() == 0 && QFile::remove(path);
+}
+
 int MaxPathLength()
 {
     return 32766;

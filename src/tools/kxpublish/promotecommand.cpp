@@ -29,9 +29,9 @@ ExitStatus PromoteCommand::Run()
                         QStringLiteral("not a server tree, it has no directory 'packages'"));
     QString error;
     // The lock comes before the look at the builds: none may come or go in between.
-    if (problems.IsEmpty() && !server.Open(error)) {
+    if (problems.IsEmpty() && !server.Open(error, settings.waitSeconds)) {
         Complain(error);
-        return ExitFailed;
+        return IsInterrupted() ? ExitInterrupted : ExitFailed;
     }
     if (problems.IsEmpty())
         CheckPromotable(server, settings.version, &problems);

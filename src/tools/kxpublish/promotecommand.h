@@ -10,8 +10,9 @@ namespace publish {
 
 struct PromoteSettings
 {
-    QString version;    //!< version to offer
-    QString serverTree; //!< directory that holds the builds
+    QString version;     //!< version to offer
+    QString serverTree;  //!< directory that holds the builds
+    int waitSeconds = 0; //!< how long to wait for another run, 0 to ServerTree::maxWait
 };
 
 /**

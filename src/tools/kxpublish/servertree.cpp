@@ -2,11 +2,14 @@
 
 #include "console.h"
 #include "disk.h"
+#include "interrupt.h"
 #include "manifest.h"
 #include "names.h"
+#include "platform.h"
 
 #include <kxupdater/build.h>
 
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -59,17 +62,17 @@ void RemoveIfEmpty(const QString& path)
     QDir().rmdir(path);
 }
 
-QString LockError(QLockFile& lock, const QString& path)
+constexpr int pollMs = 100;
+
+// Empty when the file does not say.
+QString LockHolder(QLockFile& lock, const QString& path)
 {
-    if (lock.error() != QLockFile::LockFailedError)
-        return QStringLiteral("cannot make the lock file %1").arg(Shown(path));
     qint64 process = 0;
     QString host;
     QString program;
-    lock.getLockInfo(&process, &host, &program);
-    return QStringLiteral("another run is writing: process %1 on '%2' holds %3")
-        .arg(process)
-        .arg(host, Shown(path));
+    if (!lock.getLockInfo(&process, &host, &program))
+        return {};
+    return QStringLiteral("process %1 on %2 holds %3").arg(process).arg(Shown(host), Shown(path));
 }
 
 } // namespace
@@ -175,22 +178,16 @@ QString ServerTree::OfferedVersion() const
     return file.open(QIODevice::ReadOnly) ? ReadVersionReply(file.readAll()) : QString();
 }
 
-bool ServerTree::Open(QString& error)
+bool ServerTree::Open(QString& error, int waitSeconds)
 {
     if (!MakeDirectories(PackagesPath(), error)) {
         RemoveMadeDirectories();
         return false;
     }
-    const QString lockPath = PackagesPath() + QStringLiteral("/.kxpublish.lock");
-    auto taken = std::make_unique<QLockFile>(lockPath);
-    // Age says nothing about a run; a lock whose process is gone is taken over all the same.
-    taken->setStaleLockTime(0);
-    if (!taken->tryLock(0)) {
-        error = LockError(*taken, lockPath);
+    if (!TakeLock(waitSeconds, error)) {
         RemoveMadeDirectories();
         return false;
     }
-    lock = std::move(taken);
     if (!RemoveWork(error))
         return false;
     RemoveEmptyBuildDirectories();
@@ -198,6 +195,37 @@ bool ServerTree::Open(QString& error)
         error = QStringLiteral("cannot make the directory %1").arg(Shown(StagedBuildPath()));
         return false;
     }
+    return true;
+}
+
+bool ServerTree::TakeLock(int waitSeconds, QString& error)
+{
+    const QString path = PackagesPath() + QStringLiteral("/.kxpublish.lock");
+    auto taken = std::make_unique<QLockFile>(path);
+    // Age says nothing about a run; a lock whose process is gone is taken over all the same.
+    taken->setStaleLockTime(0);
+    const QDeadlineTimer deadline(qint64(waitSeconds) * 1000);
+    QString awaited;
+    while (!taken->tryLock(deadline.hasExpired() ? 0 : pollMs)) {
+        if (taken->error() != QLockFile::LockFailedError) {
+            error = QStringLiteral("cannot make the lock file %1").arg(Shown(path));
+            return false;
+        }
+        const QString holder = LockHolder(*taken, path);
+        // A run that was killed in the moment of locking has left an empty file, and no process
+        // that could be gone.
+        if (holder.isEmpty() && RemoveAbandonedLock(path))
+            continue;
+        if (deadline.hasExpired() || IsInterrupted()) {
+            error = QStringLiteral("another run is writing: ") +
+                    (holder.isEmpty() ? QStringLiteral("somebody holds ") + Shown(path) : holder);
+            return false;
+        }
+        if (!holder.isEmpty() && holder != awaited)
+            Say(QStringLiteral("waiting for another run: ") + holder);
+        awaited = holder;
+    }
+    lock = std::move(taken);
     return true;
 }
 

@@ -59,9 +59,16 @@ public:
     /** Version that clients are offered now; empty when there is none. */
     QString OfferedVersion() const;
 
-    /** Prepares for writing: makes `packages`, takes the lock, empties the working directory, and
-     *  removes directories in which a build stood or was to stand. */
-    bool Open(QString& error);
+    /** The longest wait that Open() takes, in seconds. */
+    static constexpr int maxWait = 86400;
+
+    /**
+     * Prepares for writing: makes `packages`, takes the lock, empties the working directory, and
+     * removes directories in which a build stood or was to stand. While another run holds the lock,
+     * waits up to `waitSeconds`, 0 to maxWait, and says for whom. An interrupt ends the wait, with
+     * an error like any other.
+     */
+    bool Open(QString& error, int waitSeconds = 0);
     /** Path for a build in the making, with its files in "files"; exists after Open(). */
     QString StagedBuildPath() const;
     /** Moves the staged build, which must be on the disk already, to where clients find it. */
@@ -90,6 +97,7 @@ private:
     void RemoveMadeDirectories();
     QString WorkPath() const;
     bool RemoveWork(QString& error);
+    bool TakeLock(int waitSeconds, QString& error);
 
     QString root;
     std::unique_ptr<QLockFile> lock; // held from Open() on
