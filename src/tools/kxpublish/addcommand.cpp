@@ -4,9 +4,9 @@
 #include "disk.h"
 #include "interrupt.h"
 #include "names.h"
-#include "treecopy.h"
-#include "treescan.h"
+#include "releasenotes.h"
 
+#include <QCryptographicHash>
 #include <QFileInfo>
 
 #include <algorithm>
@@ -22,8 +22,8 @@ bool IsPublishable(const Build& build)
 
 } // namespace
 
-AddCommand::AddCommand(const AddSettings& given)
-    : settings(given), server(ResolvedPath(given.serverTree))
+AddCommand::AddCommand(const AddSettings& given, ProgressSink* sink)
+    : settings(given), server(ResolvedPath(given.serverTree)), progress(sink)
 {
     settings.tree = ResolvedPath(given.tree);
     settings.serverTree = ResolvedPath(given.serverTree);
@@ -38,26 +38,28 @@ ExitStatus AddCommand::Run()
 {
     CheckSettings();
     CheckPlaces();
+    CheckNotes();
+    TreeContents contents;
+    if (QFileInfo(settings.tree).isDir()) {
+        contents = CheckTree(problems);
+        CheckExecutable(contents);
+    }
+    if (!problems.IsEmpty())
+        return Refuse();
+    problems.PrintWarnings();
+    return Publish(contents);
+}
+
+TreeContents AddCommand::CheckTree(Problems& found)
+{
     // With a bad address no name would be good, and the real problems would drown.
     const bool hasAddress =
         IsPublishable(settings.build) && BaseUrlProblem(settings.baseUrl).isEmpty();
     TreeCheck check(settings.tree,
                     hasAddress ? manifest.downloadUrl : QStringLiteral("http://localhost"),
-                    server.FilesPath(settings.build), &problems);
-    if (QFileInfo(settings.tree).isDir()) {
-        check.Run();
-        CheckExecutable(check.Contents());
-    }
-    if (!problems.IsEmpty())
-        return Refuse();
-
-    QString error;
-    if (!Scan(check.Contents(), error))
-        return IsInterrupted() ? GiveUp() : Fail(error);
-    if (!problems.IsEmpty())
-        return Refuse();
-    problems.PrintWarnings();
-    return Publish(check.Contents());
+                    server.FilesPath(settings.build), settings.excludes, &found, &progress);
+    check.Run();
+    return check.Contents();
 }
 
 void AddCommand::CheckSettings()
@@ -90,6 +92,11 @@ void AddCommand::CheckPlaces()
         problems.Refuse(subject, QStringLiteral("the tree to publish lies inside"));
     else if (IsInside(settings.serverTree, settings.tree))
         problems.Refuse(subject, QStringLiteral("lies inside the tree to publish"));
+    CheckNotTaken();
+}
+
+void AddCommand::CheckNotTaken()
+{
     if (!IsPublishable(settings.build) || !server.IsTaken(settings.build))
         return;
     if (QFileInfo(server.ManifestPath(settings.build)).exists())
@@ -100,16 +107,28 @@ void AddCommand::CheckPlaces()
                         QStringLiteral("in the way, and not a published build"));
 }
 
+void AddCommand::CheckNotes()
+{
+    if (settings.notes.isEmpty())
+        return;
+    const QString problem = ReadNotes(settings.notes, notes);
+    if (!problem.isEmpty())
+        problems.Refuse(QStringLiteral("--notes ") + Shown(settings.notes), problem);
+}
+
 void AddCommand::CheckExecutable(const TreeContents& contents)
 {
     const QString subject = QStringLiteral("--exec ") + Shown(settings.executable);
     const auto file = contents.files.constFind(settings.executable);
     if (file != contents.files.constEnd()) {
-        if (!(file.value() & 0111))
+        if (!(file.value().status.mode & 0111))
             problems.Warn(subject, QStringLiteral("not executable"));
         return;
     }
-    if (contents.links.contains(settings.executable))
+    const QString rule = contents.LeftOutBy(settings.executable);
+    if (!rule.isEmpty())
+        problems.Refuse(subject, QStringLiteral("left out by ") + rule);
+    else if (contents.links.contains(settings.executable))
         problems.Refuse(subject, QStringLiteral("a link, not a regular file"));
     else if (contents.directories.contains(settings.executable))
         problems.Refuse(subject, QStringLiteral("a directory, not a regular file"));
@@ -117,58 +136,27 @@ void AddCommand::CheckExecutable(const TreeContents& contents)
         problems.Refuse(subject, QStringLiteral("not a file of the tree"));
 }
 
-bool AddCommand::Scan(const TreeContents& contents, QString& error)
-{
-    updater::FileList scanned;
-    if (!ScanTree(settings.tree, scanned, error))
-        return false;
-    CompareWithScan(contents, scanned);
-
-    for (const updater::File& file : std::as_const(scanned)) {
-        const QString permissions =
-            PermissionText(contents.files.value(file.Name()), file.IsSymlink());
-        manifest.files.append(updater::File(file.Name(), file.MD5().toLower(), file.Size(),
-                                            permissions, file.SymlinkPath()));
-    }
-    // By code units: the same order on every machine, whatever its language.
-    std::sort(manifest.files.begin(), manifest.files.end(),
-              [](const updater::File& a, const updater::File& b) { return a.Name() < b.Name(); });
-    return true;
-}
-
-// The scan is what clients will see, the listing is what was checked: both have to be the same.
-void AddCommand::CompareWithScan(const TreeContents& contents, const updater::FileList& scanned)
-{
-    QSet<QString> names;
-    for (const updater::File& file : scanned) {
-        const QString name = file.Name();
-        names.insert(name);
-        const bool same = file.IsSymlink() ? contents.links.value(name) == file.SymlinkPath()
-                                           : contents.files.contains(name);
-        if (!same)
-            problems.Refuse(Shown(name), QStringLiteral("changed while the tree was read"));
-    }
-    for (const QString& name : contents.files.keys() + contents.links.keys()) {
-        if (!names.contains(name))
-            problems.Refuse(Shown(name), QStringLiteral("vanished while the tree was read"));
-    }
-}
-
 ExitStatus AddCommand::Publish(const TreeContents& contents)
 {
-    const QByteArray text = WriteManifest(manifest);
-    const QString problem = ManifestProblem(manifest, text);
-    if (!problem.isEmpty()) {
-        problems.Refuse(Shown(settings.tree), problem);
-        return Refuse();
-    }
     QString error;
-    if (!server.Open(error))
-        return Fail(error);
+    if (!settings.dryRun) {
+        if (!server.Open(error, settings.waitSeconds))
+            return IsInterrupted() ? GiveUp() : Fail(error);
+        // Whoever held the lock may have published the same.
+        CheckNotTaken();
+        if (!problems.IsEmpty())
+            return Refuse();
+    }
+    QSet<quint64> sizes;
+    for (const TreeFile& file : contents.files)
+        sizes.insert(file.status.size);
+    PublishedFiles published;
+    published.Read(server, sizes, &problems);
 
-    const QString staged = server.StagedBuildPath();
-    TreeCopy copy(settings.tree, staged + QStringLiteral("/files"));
-    switch (copy.Run(manifest.files, contents.files, &problems, error)) {
+    const QString files = server.StagedBuildPath() + QStringLiteral("/files");
+    TreeCopy copy(settings.tree, settings.dryRun ? QString() : files, contents, published,
+                  &progress);
+    switch (copy.Run(&problems, error)) {
     case TreeCopy::Complete:
         break;
     case TreeCopy::Changed:
@@ -178,34 +166,121 @@ ExitStatus AddCommand::Publish(const TreeContents& contents)
     case TreeCopy::Interrupted:
         return GiveUp();
     }
-    if (!WriteNewFile(staged + QStringLiteral("/index.xml"), text, error) || !Sync(staged, error) ||
-        !server.PlaceBuild(settings.build, error))
+    FillManifest(contents, copy.Digests());
+    const QByteArray text = WriteManifest(manifest);
+    const QString problem = ManifestProblem(manifest, text);
+    if (!problem.isEmpty())
+        problems.Refuse(Shown(settings.tree), problem);
+    if (!settings.dryRun && !WriteBuild(text, error))
         return Fail(error);
-    Report();
+    // At the very end: nothing may have come, gone or changed since the tree was listed.
+    if (problems.IsEmpty())
+        CompareWithListing(contents);
+    if (!problems.IsEmpty())
+        return Refuse();
+    if (IsInterrupted())
+        return GiveUp();
+    if (!settings.dryRun && !server.PlaceBuild(settings.build, error))
+        return Fail(error);
+    problems.PrintWarnings();
+    Report(contents, copy.Totals());
     return ExitDone;
 }
 
-void AddCommand::Report() const
+void AddCommand::FillManifest(const TreeContents& contents,
+                              const QMap<QString, QByteArray>& digests)
 {
-    quint64 bytes = 0;
-    qsizetype links = 0;
-    for (const updater::File& file : manifest.files) {
-        if (file.IsSymlink())
-            ++links;
-        else
-            bytes += file.Size();
+    for (auto file = contents.files.begin(); file != contents.files.end(); ++file)
+        manifest.files.append(updater::File(
+            file.key(), QString::fromLatin1(digests.value(file.key())), file.value().status.size,
+            PermissionText(file.value().status.mode, false), QString()));
+    for (auto link = contents.links.begin(); link != contents.links.end(); ++link) {
+        const QString& target = link.value();
+        const QByteArray digest =
+            QCryptographicHash::hash(target.toUtf8(), QCryptographicHash::Md5).toHex();
+        manifest.files.append(updater::File(link.key(), QString::fromLatin1(digest),
+                                            quint64(target.size()), PermissionText(0, true),
+                                            target));
     }
-    const QString files = QString::number(manifest.files.size() - links);
+    // By code units: the same order on every machine, whatever its language.
+    std::sort(manifest.files.begin(), manifest.files.end(),
+              [](const updater::File& a, const updater::File& b) { return a.Name() < b.Name(); });
+}
+
+bool AddCommand::WriteBuild(const QByteArray& text, QString& error)
+{
+    const QString staged = server.StagedBuildPath();
+    return (notes.isEmpty() || WriteNewFile(staged + QStringLiteral("/notes.md"), notes, error)) &&
+           WriteNewFile(staged + QStringLiteral("/index.xml"), text, error) && Sync(staged, error);
+}
+
+void AddCommand::CompareWithListing(const TreeContents& before)
+{
+    Problems found;
+    const TreeContents now = CheckTree(found);
+    problems.AddProblems(found);
+    const auto refuse = [this](const QString& name, const char* reason) {
+        problems.Refuse(Shown(name), QLatin1String(reason));
+    };
+    for (auto file = before.files.begin(); file != before.files.end(); ++file) {
+        const auto other = now.files.find(file.key());
+        if (other == now.files.end())
+            refuse(file.key(), "vanished while it was published");
+        else if (other.value().status != file.value().status)
+            refuse(file.key(), "changed while it was published: it was written to or replaced");
+    }
+    for (auto link = before.links.begin(); link != before.links.end(); ++link) {
+        if (now.links.value(link.key()) != link.value())
+            refuse(link.key(), "changed while it was published: it is another link now");
+    }
+    for (const QString& name : now.files.keys() + now.links.keys()) {
+        if (!before.files.contains(name) && !before.links.contains(name))
+            refuse(name, "appeared while the tree was published");
+    }
+}
+
+void AddCommand::Report(const TreeContents& contents, const CopyTotals& totals) const
+{
+    const qsizetype files = contents.files.size();
+    const qsizetype links = contents.links.size();
+    const quint64 newBytes = totals.bytes - totals.linkedBytes;
+    const auto datum = [](const char* key, quint64 value) {
+        PrintDatum(QLatin1String(key), QString::number(value));
+    };
     PrintDatum(QStringLiteral("index"), server.ManifestPath(settings.build));
-    PrintDatum(QStringLiteral("files"), files);
-    PrintDatum(QStringLiteral("links"), QString::number(links));
-    PrintDatum(QStringLiteral("bytes"), QString::number(bytes));
+    datum("files", quint64(files));
+    datum("links", quint64(links));
+    datum("bytes", totals.bytes);
+    datum("linked", totals.linked);
+    datum("linked-bytes", totals.linkedBytes);
+    datum("new-bytes", newBytes);
+    datum("left-out", quint64(contents.leftOut.size()));
+    if (settings.dryRun)
+        ListLeftOut(contents);
     const Build& build = settings.build;
-    Say(QStringLiteral("published %1 %2 for %3: %4 files, %5 links, %6 bytes; "
-                       "clients are offered it after 'promote'")
-            .arg(build.package, build.version, build.platform, files)
+    QString text =
+        QStringLiteral("%1 %2 %3 for %4: %5 files, %6 links, %7 bytes")
+            .arg(settings.dryRun ? QStringLiteral("would publish") : QStringLiteral("published"),
+                 build.package, build.version, build.platform)
+            .arg(files)
             .arg(links)
-            .arg(bytes));
+            .arg(totals.bytes);
+    if (totals.linked > 0)
+        text += QStringLiteral(", of which %1 files of %2 bytes equal published ones and %3")
+                    .arg(totals.linked)
+                    .arg(totals.linkedBytes)
+                    .arg(settings.dryRun ? QStringLiteral("would be links to them")
+                                         : QStringLiteral("are links to them"));
+    if (!contents.leftOut.isEmpty())
+        text += QStringLiteral("; %1 entries left out").arg(contents.leftOut.size());
+    Say(text + (settings.dryRun ? QStringLiteral("; nothing is written")
+                                : QStringLiteral("; clients are offered it after 'promote'")));
+}
+
+void AddCommand::ListLeftOut(const TreeContents& contents) const
+{
+    for (auto entry = contents.leftOut.begin(); entry != contents.leftOut.end(); ++entry)
+        Say(QStringLiteral("left out: %1, by %2").arg(Shown(entry.key()), entry.value()));
 }
 
 ExitStatus AddCommand::Refuse()

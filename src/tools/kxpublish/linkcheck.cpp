@@ -9,7 +9,7 @@
 namespace publish {
 namespace {
 
-enum class Destination { Inside, Outside, Missing, Circle };
+enum class Destination { Inside, Outside, Missing, LeftOut, Circle };
 
 // As many as Linux follows in one path.
 constexpr int maxLinks = 40;
@@ -26,7 +26,7 @@ QString DirectoryOf(const QString& name)
 }
 
 // Follows the link as the system would, on the names of the tree instead of the disk.
-Destination Follow(const TreeContents& contents, const QString& link)
+Destination Follow(const TreeContents& contents, const QString& link, QString& rule)
 {
     QStringList place = Components(DirectoryOf(link));
     QStringList ahead = Components(contents.links.value(link));
@@ -52,10 +52,14 @@ Destination Follow(const TreeContents& contents, const QString& link)
                 return Destination::Circle;
             place.removeLast();
             ahead = Components(next.value()) + ahead;
+        } else if (contents.leftOut.contains(path)) {
+            rule = contents.leftOut.value(path);
         } else if (!contents.directories.contains(path)) {
             missing = missing || !ahead.isEmpty() || !contents.files.contains(path);
         }
     }
+    if (!rule.isEmpty())
+        return Destination::LeftOut;
     return missing ? Destination::Missing : Destination::Inside;
 }
 
@@ -80,7 +84,8 @@ void CheckLinks(const TreeContents& contents, Problems* problems)
                 QStringLiteral("the target %1 of the link is absolute").arg(Shown(target)));
             continue;
         }
-        const Destination destination = Follow(contents, name);
+        QString rule;
+        const Destination destination = Follow(contents, name, rule);
         if (destination == Destination::Outside) {
             problems->Refuse(Shown(name),
                              QStringLiteral("the target %1 of the link leads out of the tree")
@@ -95,7 +100,11 @@ void CheckLinks(const TreeContents& contents, Problems* problems)
                                  .arg(Shown(target), Shown(verified)));
             continue;
         }
-        if (destination == Destination::Missing)
+        if (destination == Destination::LeftOut)
+            problems->Refuse(Shown(name),
+                             QStringLiteral("the target %1 of the link is left out by %2")
+                                 .arg(Shown(target), rule));
+        else if (destination == Destination::Missing)
             problems->Warn(
                 Shown(name),
                 QStringLiteral("the target %1 of the link does not exist").arg(Shown(target)));

@@ -7,6 +7,25 @@
 
 namespace publish {
 
+/** What tells whether a file has been written to, replaced or given another mode. */
+struct FileStatus
+{
+    int mode = 0; //!< permission bits in the octal notation of chmod
+    quint64 size = 0;
+    quint64 device = 0; //!< 0, as all that follows, where the system does not tell
+    quint64 inode = 0;
+    qint64 modifiedNs = 0; //!< since 1970
+    qint64 changedNs = 0;  //!< of content, mode or number of names; cannot be set by programs
+
+    bool operator==(const FileStatus& other) const;
+    bool operator!=(const FileStatus& other) const { return !(*this == other); }
+    /**
+     * True when another write could leave the times as they are: those of some file systems go in
+     * steps of two seconds.
+     */
+    bool IsYoung() const;
+};
+
 /** One entry of a directory, as the system knows it; a link is never followed. */
 struct TreeEntry
 {
@@ -16,7 +35,7 @@ struct TreeEntry
     QString name; //!< empty when the native name is not valid UTF-8
     Kind kind = Special;
     bool hidden = false;
-    int mode = 0;            //!< permission bits in the octal notation of chmod
+    FileStatus status;       //!< of a regular file
     QByteArray nativeTarget; //!< of a link: its text as it stands on the disk
 };
 
@@ -32,6 +51,9 @@ QByteArray ReadLink(const QString& path);
  */
 bool OpenRegularFile(QFile& file, const QString& path, int& mode, QString& error);
 
+/** The status of a file that OpenRegularFile() has opened; false when the system does not tell. */
+bool ReadStatus(const QFile& file, FileStatus& status);
+
 /** Brings the file or the directory `path` to the disk. */
 bool SyncPath(const QString& path, QString& error);
 
@@ -46,6 +68,9 @@ bool SyncVolume(const QString& path, QString& error);
  * Takes a moment, in which a process that is only about to write its text gets the time for it.
  */
 bool RemoveAbandonedLock(const QString& path);
+
+/** True when stderr is a terminal on which a line can be drawn again. */
+bool HasTerminal();
 
 /** The longest path that a program can open, in bytes of its native form. */
 int MaxPathLength();

@@ -33,6 +33,23 @@ TreeEntry::Kind KindOf(mode_t mode)
     return TreeEntry::Special;
 }
 
+qint64 Nanoseconds(const timespec& time)
+{
+    return qint64(time.tv_sec) * 1000000000 + time.tv_nsec;
+}
+
+FileStatus StatusOf(const struct stat& status)
+{
+    FileStatus result;
+    result.mode = int(status.st_mode & 0777);
+    result.size = quint64(status.st_size);
+    result.device = quint64(status.st_dev);
+    result.inode = quint64(status.st_ino);
+    result.modifiedNs = Nanoseconds(status.st_mtim);
+    result.changedNs = Nanoseconds(status.st_ctim);
+    return result;
+}
+
 QByteArray ReadLinkAt(int directory, const char* name)
 {
     QByteArray text(PATH_MAX + 1, Qt::Uninitialized);
@@ -78,7 +95,7 @@ bool ListDirectory(const QString& path, QList<TreeEntry>& entries, QString& erro
         entry.name = Decoded(name);
         entry.kind = KindOf(status.st_mode);
         entry.hidden = name.startsWith('.');
-        entry.mode = int(status.st_mode & 0777);
+        entry.status = StatusOf(status);
         if (entry.kind == TreeEntry::Link)
             entry.nativeTarget = ReadLinkAt(::dirfd(directory), name.constData());
         entries.append(entry);
@@ -117,6 +134,15 @@ bool OpenRegularFile(QFile& file, const QString& path, int& mode, QString& error
         ::close(descriptor);
         return false;
     }
+    return true;
+}
+
+bool ReadStatus(const QFile& file, FileStatus& status)
+{
+    struct stat found;
+    if (::fstat(file.handle(), &found) != 0)
+        return false;
+    status = StatusOf(found);
     return true;
 }
 
@@ -172,6 +198,12 @@ bool RemoveAbandonedLock(const QString& path)
     if (descriptor >= 0)
         ::close(descriptor);
     return abandoned;
+}
+
+bool HasTerminal()
+{
+    const QByteArray type = qgetenv("TERM");
+    return ::isatty(STDERR_FILENO) && !type.isEmpty() && type != "dumb";
 }
 
 int MaxPathLength()

@@ -1,5 +1,6 @@
 #include "platform.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
 
@@ -13,6 +14,15 @@ int ModeOf(const QFileInfo& info)
     // The flags of owner, group and others stand at 0x7000, 0x0070 and 0x0007.
     const int flags = int(info.permissions());
     return ((flags & 0x7000) >> 6) | ((flags & 0x0070) >> 1) | (flags & 0x0007);
+}
+
+FileStatus StatusOf(const QFileInfo& info)
+{
+    FileStatus status;
+    status.mode = ModeOf(info);
+    status.size = quint64(info.size());
+    status.modifiedNs = info.lastModified().toMSecsSinceEpoch() * 1000000;
+    return status;
 }
 
 QByteArray TargetOf(const QFileInfo& info)
@@ -36,7 +46,7 @@ bool ListDirectory(const QString& path, QList<TreeEntry>& entries, QString& erro
         entry.name = info.fileName();
         entry.nativeName = entry.name.toUtf8();
         entry.hidden = info.isHidden() || entry.name.startsWith(QLatin1Char('.'));
-        entry.mode = ModeOf(info);
+        entry.status = StatusOf(info);
         if (info.isSymLink()) {
             entry.kind = TreeEntry::Link;
             entry.nativeTarget = TargetOf(info);
@@ -72,6 +82,12 @@ bool OpenRegularFile(QFile& file, const QString& path, int& mode, QString& error
     return true;
 }
 
+bool ReadStatus(const QFile& file, FileStatus& status)
+{
+    status = StatusOf(QFileInfo(file.fileName()));
+    return true;
+}
+
 bool SyncPath(const QString& path, QString& error)
 {
     // Directories have no buffers of their own here.
@@ -100,6 +116,12 @@ bool RemoveAbandonedLock(const QString& path)
 {
     // The system refuses to remove a file that a process has open.
     return QFileInfo(path).size() == 0 && QFile::remove(path);
+}
+
+bool HasTerminal()
+{
+    DWORD mode = 0;
+    return GetConsoleMode(GetStdHandle(STD_ERROR_HANDLE), &mode);
 }
 
 int MaxPathLength()

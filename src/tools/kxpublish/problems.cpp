@@ -13,7 +13,17 @@ void Problems::Refuse(const QString& subject, const QString& reason)
 
 void Problems::Warn(const QString& subject, const QString& reason)
 {
-    warnings.append(subject + QStringLiteral(": ") + reason);
+    Warn(subject + QStringLiteral(": ") + reason);
+}
+
+void Problems::Warn(const QString& text)
+{
+    warnings.append(text);
+}
+
+void Problems::AddProblems(const Problems& other)
+{
+    problems += other.problems;
 }
 
 bool Problems::IsEmpty() const

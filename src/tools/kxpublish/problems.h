@@ -15,6 +15,11 @@ public:
     /** `subject` is what the problem is about, as Shown() gives it. */
     void Refuse(const QString& subject, const QString& reason);
     void Warn(const QString& subject, const QString& reason);
+    /** A whole message, subject and reason. */
+    void Warn(const QString& text);
+
+    /** Takes over the problems of `other`, not its warnings. */
+    void AddProblems(const Problems& other);
 
     bool IsEmpty() const;
     /** Problems and warnings as "SUBJECT: REASON", in the order in which they were found. */

@@ -3,12 +3,16 @@
 #include "console.h"
 #include "linkcheck.h"
 #include "names.h"
+#include "progress.h"
 
 #include <algorithm>
 
 namespace publish {
 
 namespace {
+
+constexpr const char* rulesName = ".kxpublishignore";
+constexpr qint64 maxRules = 1024 * 1024;
 
 // Case folding as file systems do it: a sharp s and "SS" are the same. Qt folds character by
 // character, and knows of more than one for its upper case only.
@@ -29,18 +33,42 @@ QString JoinPath(const QString& directory, const QString& name)
     return directory.isEmpty() ? name : directory + QLatin1Char('/') + name;
 }
 
+QString TreeContents::LeftOutBy(const QString& path) const
+{
+    for (qsizetype end = path.size(); end > 0; end = path.lastIndexOf(QLatin1Char('/'), end - 1)) {
+        const QString rule = leftOut.value(path.left(end));
+        if (!rule.isEmpty())
+            return rule;
+    }
+    return {};
+}
+
 TreeCheck::TreeCheck(const QString& root, const QString& baseUrl, const QString& filesPath,
-                     Problems* problems)
-    : root(root), baseUrl(baseUrl), filesPath(filesPath), problems(problems)
+                     const QStringList& excludes, Problems* problems, ProgressMeter* progress)
+    : root(root),
+      baseUrl(baseUrl),
+      filesPath(filesPath),
+      excludes(excludes),
+      problems(problems),
+      progress(progress)
 {
 }
 
 void TreeCheck::Run()
 {
+    progress->Begin(Progress::Checking, 0, 0);
     CheckDirectory(QString(), true);
     CheckLinks(contents, problems);
     if (problems->IsEmpty() && contents.files.isEmpty() && contents.links.isEmpty())
-        problems->Refuse(Shown(root), QStringLiteral("the tree has no file and no link"));
+        problems->Refuse(Shown(root),
+                         contents.leftOut.isEmpty()
+                             ? QStringLiteral("the tree has no file and no link")
+                             : QStringLiteral("every file and link of the tree is left out"));
+    // A pattern that is misspelt leaves in what was to be kept back.
+    for (const QByteArray& pattern : rules.UnusedOptions())
+        problems->Warn(QStringLiteral("--exclude ") + Shown(pattern),
+                       QStringLiteral("matches nothing that another rule does not decide on"));
+    progress->End();
 }
 
 const TreeContents& TreeCheck::Contents() const
@@ -63,9 +91,76 @@ void TreeCheck::CheckDirectory(const QString& directory, bool nameIsGood)
     // The order of messages must not depend on the file system.
     std::sort(entries.begin(), entries.end(),
               [](const TreeEntry& a, const TreeEntry& b) { return a.nativeName < b.nativeName; });
-    CheckSiblings(entries, directory);
-    for (const TreeEntry& entry : std::as_const(entries))
-        CheckEntry(entry, directory, nameIsGood);
+    const size_t mark = rules.Mark();
+    if (ReadRules(entries, directory)) {
+        LeaveOut(entries, directory);
+        CheckSiblings(entries, directory);
+        for (const TreeEntry& entry : std::as_const(entries))
+            CheckEntry(entry, directory, nameIsGood);
+    }
+    // Those of the root tell afterwards which of them were of use.
+    if (!directory.isEmpty())
+        rules.Restore(mark);
+    progress->Tick();
+}
+
+// With wrong rules everything would be wrong: then the directory is not looked at.
+bool TreeCheck::ReadRules(const QList<TreeEntry>& entries, const QString& directory)
+{
+    const auto entry = std::find_if(entries.begin(), entries.end(), [](const TreeEntry& candidate) {
+        return candidate.name == QLatin1String(rulesName);
+    });
+    if (entry != entries.end()) {
+        const QString name = JoinPath(directory, QLatin1String(rulesName));
+        QFile file;
+        int mode = 0;
+        QString error;
+        QByteArray text;
+        if (!OpenRegularFile(file, JoinPath(root, name), mode, error))
+            error = QStringLiteral("cannot be read: ") + error;
+        else if ((text = file.read(maxRules + 1)).size() > maxRules)
+            error = QStringLiteral("is longer than %1 bytes").arg(maxRules);
+        else if (file.error() != QFileDevice::NoError)
+            error = QStringLiteral("cannot be read: ") + file.errorString();
+        else if (text.contains('\0'))
+            error = QStringLiteral("is not a text");
+        if (!error.isEmpty()) {
+            problems->Refuse(Shown(name), error);
+            return false;
+        }
+        QStringList doubts;
+        rules.AddFile(QFile::encodeName(directory), name, text, doubts);
+        for (const QString& doubt : std::as_const(doubts))
+            problems->Warn(Shown(name), doubt + QStringLiteral(": can match no name"));
+    }
+    if (directory.isEmpty())
+        AddExcludes();
+    return true;
+}
+
+void TreeCheck::AddExcludes()
+{
+    for (const QString& pattern : std::as_const(excludes)) {
+        const QString problem = rules.AddOption(QFile::encodeName(pattern));
+        if (!problem.isEmpty())
+            problems->Refuse(QStringLiteral("--exclude ") + Shown(pattern), problem);
+    }
+}
+
+void TreeCheck::LeaveOut(QList<TreeEntry>& entries, const QString& directory)
+{
+    const QByteArray above =
+        directory.isEmpty() ? QByteArray() : QFile::encodeName(directory) + '/';
+    const auto isLeftOut = [&](const TreeEntry& entry) {
+        if (entry.name == QLatin1String(rulesName))
+            return true;
+        const QByteArray path = above + entry.nativeName;
+        const IgnoreRule* rule = rules.Match(path, entry.kind == TreeEntry::Directory);
+        if (rule)
+            contents.leftOut.insert(QFile::decodeName(path), rule->Shown());
+        return rule != nullptr;
+    };
+    entries.erase(std::remove_if(entries.begin(), entries.end(), isLeftOut), entries.end());
 }
 
 void TreeCheck::CheckEntry(const TreeEntry& entry, const QString& directory, bool nameIsGood)
@@ -104,7 +199,9 @@ bool TreeCheck::CheckName(const TreeEntry& entry, const QString& directory, bool
     }
     const QString name = JoinPath(directory, entry.name);
     if (entry.hidden) {
-        problems->Refuse(Shown(name), QStringLiteral("hidden; clients skip hidden entries"));
+        problems->Refuse(Shown(name),
+                         QStringLiteral("hidden; clients skip hidden entries. Leave it out with "
+                                        "--exclude or in .kxpublishignore"));
         return false;
     }
     // What is wrong with a directory's name is said once, not for everything below it.
@@ -147,9 +244,10 @@ void TreeCheck::CheckSiblings(const QList<TreeEntry>& entries, const QString& di
 
 void TreeCheck::CheckFile(const TreeEntry& entry, const QString& name)
 {
-    contents.files.insert(name, entry.mode);
+    contents.files.insert(name, {entry.status, entry.status.IsYoung()});
+    progress->Add(1, entry.status.size);
     // A client gives the file the same mode, and then has to read it to verify it.
-    if (!(entry.mode & 0400)) {
+    if (!(entry.status.mode & 0400)) {
         problems->Refuse(Shown(name), QStringLiteral("its owner may not read it"));
         return;
     }
