@@ -186,7 +186,8 @@ void TestKxpublish::ResultIsPrinted()
     const PublishResult result = RunPublish(arguments);
     QCOMPARE(result.out,
              QStringList({S("index: %1/packages/demo-app-v2.4.1/windows/x64/index.xml").arg(server),
-                          S("files: 2"), S("links: 1"), S("bytes: 11")}));
+                          S("files: 2"), S("links: 1"), S("bytes: 11"), S("linked: 0"),
+                          S("linked-bytes: 0"), S("new-bytes: 11"), S("left-out: 0")}));
     QCOMPARE(result.err,
              QStringList({S("published demo-app 2.4.1 for x64: 2 files, 1 links, 11 bytes; "
                             "clients are offered it after 'promote'")}));

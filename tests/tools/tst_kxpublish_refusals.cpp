@@ -120,7 +120,9 @@ void TestKxpublishRefusals::RefusesNames_data()
     const auto file = [](const char* row, const QString& name, const QString& expected) {
         AddRow(row, [name](TreeBuilder& tree) { tree.File(name, "x"); }, {expected});
     };
-    const QString hidden = S("': hidden; clients skip hidden entries");
+    const QString hidden =
+        S("': hidden; clients skip hidden entries. Leave it out with --exclude or in "
+          ".kxpublishignore");
     file("hidden file", S(".rc"), S("'.rc") + hidden);
     file("hidden file in a directory", S("lib/.rc"), S("'lib/.rc") + hidden);
     file("hidden directory", S(".git/config"), S("'.git") + hidden);
@@ -458,7 +460,8 @@ void TestKxpublishRefusals::ListsAllProblemsAtOnce()
     const QStringList arguments = AddArguments(tree.Root(), workshop->Path(S("srv")));
     Check(tree, With(With(arguments, S("--version"), QString()), S("--platform"), S("arm")),
           {S("--version '': is empty"), S("--platform 'arm': is neither 'x64' nor 'x86'"),
-           S("'.rc': hidden; clients skip hidden entries"),
+           S("'.rc': hidden; clients skip hidden entries. Leave it out with --exclude or in "
+             ".kxpublishignore"),
            S("'a#b': the name has '#', which does not survive in a URL"),
            S("'lib/c?': the name has '?', which does not survive in a URL"),
            S("'l': the target '/' of the link is absolute"),
@@ -474,7 +477,9 @@ void TestKxpublishRefusals::StopsListingAfterAHundredProblems()
     const PublishResult result = RunPublish(AddArguments(tree.Root(), workshop->Path(S("srv"))));
     QCOMPARE(result.status, 1);
     QCOMPARE(result.err.size(), 102);
-    QCOMPARE(result.err.at(99), S("'.099': hidden; clients skip hidden entries"));
+    QCOMPARE(result.err.at(99),
+             S("'.099': hidden; clients skip hidden entries. Leave it out with --exclude or in "
+               ".kxpublishignore"));
     QCOMPARE(result.err.at(100), S("... and 30 more"));
     QCOMPARE(result.err.at(101), S("refused, 130 problems"));
 }

@@ -33,7 +33,7 @@ QString S(const char* text)
 }
 
 /**
- * A run of kxpublish that stands still between the scan and the copies: it has more warnings to
+ * A run of kxpublish that stands still between the listing and the copies: it has more warnings to
  * write than a pipe holds, and nobody reads them before Release().
  */
 class HeldRun
@@ -105,6 +105,10 @@ private Q_SLOTS:
     void ChangedTreeIsRefused();
     void SecondWriterIsRefused();
     void LockOfADeadRunIsTakenOver();
+    void LockFileThatWasNeverWrittenIsTakenOver();
+    void WaitingRunGoesOnWhenTheOtherEnds();
+    void WaitEnds();
+    void InterruptEndsTheWait();
     void LeftoverThatIsALinkIsNotFollowed();
     void PromoteReplacesTheReplyInOneStep();
     void FailedPromoteLeavesTheReply();
@@ -153,7 +157,6 @@ void TestKxpublishWrites::KillWhileCopyingShowsNothingAndNextRunFinishes()
     QCOMPARE(killed.status, -SIGXFSZ);
     QVERIFY(kxtest::Exists(server + S("/packages/.kxpublish/build/files/app")));
     QVERIFY(kxtest::Exists(server + S("/packages/.kxpublish/build/files/big")));
-    QVERIFY(!kxtest::Exists(server + S("/packages/.kxpublish/build/files/small")));
     QVERIFY(!kxtest::Exists(server + S("/packages/.kxpublish/build/index.xml")));
     QCOMPARE(Visible(), QStringList({S("packages dir 755")}));
     ExpectSameAsUndisturbed();
@@ -233,10 +236,10 @@ void TestKxpublishWrites::ChangedTreeIsRefused_data()
     };
     row(
         "longer", [](TreeBuilder& tree) { tree.File(S("data"), "onetwo"); },
-        S("'data': changed while it was published: it has other contents now"));
+        S("'data': changed while it was published: it was written to or replaced"));
     row(
         "other bytes", [](TreeBuilder& tree) { tree.File(S("data"), "two"); },
-        S("'data': changed while it was published: it has other contents now"));
+        S("'data': changed while it was published: it was written to or replaced"));
     row(
         "other mode", [](TreeBuilder& tree) { kxtest::SetMode(tree.Path(S("data")), 0755); },
         S("'data': changed while it was published: it has another mode now"));
@@ -303,6 +306,70 @@ void TestKxpublishWrites::LockOfADeadRunIsTakenOver()
     QVERIFY(kxtest::Exists(server + S("/packages/.kxpublish.lock")));
     QCOMPARE(RunPublish(arguments).status, 0);
     QVERIFY(!kxtest::Exists(server + S("/packages/.kxpublish.lock")));
+}
+
+void TestKxpublishWrites::LockFileThatWasNeverWrittenIsTakenOver()
+{
+    workshop->File(S("srv/packages/.kxpublish.lock"), "");
+    QCOMPARE(RunPublish(arguments).status, 0);
+    QVERIFY(!kxtest::Exists(server + S("/packages/.kxpublish.lock")));
+}
+
+void TestKxpublishWrites::WaitingRunGoesOnWhenTheOtherEnds()
+{
+    QCOMPARE(RunPublish(arguments).status, 0);
+    QLockFile lock(server + S("/packages/.kxpublish.lock"));
+    QVERIFY(lock.tryLock(0));
+    const QString holder = S("process %1 on '%2' holds '%3/packages/.kxpublish.lock'")
+                               .arg(::getpid())
+                               .arg(QSysInfo::machineHostName(), server);
+    QProcess add;
+    kxtest::PreparePublish(add, With(arguments, S("--version"), S("3")) << S("--wait") << S("600"));
+    add.start();
+    QProcess promote;
+    kxtest::PreparePublish(promote, PromoteArguments(S("2.4.1"), server)
+                                        << S("--wait") << S("600"));
+    promote.start();
+    for (QProcess* process : {&add, &promote}) {
+        process->setReadChannel(QProcess::StandardError);
+        QTRY_VERIFY_WITH_TIMEOUT(process->waitForReadyRead(10) || process->canReadLine(), 60000);
+        QCOMPARE(QString::fromUtf8(process->readLine()).trimmed(),
+                 S("kxpublish: waiting for another run: ") + holder);
+    }
+    lock.unlock();
+    for (QProcess* process : {&add, &promote}) {
+        QVERIFY(process->waitForFinished(60000));
+        QCOMPARE(process->exitCode(), 0);
+    }
+    QVERIFY(kxtest::Exists(server + S("/packages/demo-app-v3")));
+    QVERIFY(kxtest::Exists(server + S("/packages/version.xml")));
+}
+
+void TestKxpublishWrites::WaitEnds()
+{
+    workshop->Dir(S("srv/packages"));
+    QLockFile lock(server + S("/packages/.kxpublish.lock"));
+    QVERIFY(lock.tryLock(0));
+    const PublishResult result = RunPublish(arguments + QStringList{S("--wait"), S("1")});
+    QCOMPARE(result.status, 3);
+    QCOMPARE(result.err.size(), 2);
+    QVERIFY(result.err.at(0).startsWith(S("waiting for another run: process ")));
+    QVERIFY(result.err.at(1).startsWith(S("another run is writing: process ")));
+}
+
+void TestKxpublishWrites::InterruptEndsTheWait()
+{
+    workshop->Dir(S("srv/packages"));
+    QLockFile lock(server + S("/packages/.kxpublish.lock"));
+    QVERIFY(lock.tryLock(0));
+    QProcess process;
+    kxtest::PreparePublish(process, arguments + QStringList{S("--wait"), S("86400")});
+    process.start();
+    process.setReadChannel(QProcess::StandardError);
+    QTRY_VERIFY_WITH_TIMEOUT(process.waitForReadyRead(10) || process.canReadLine(), 60000);
+    ::kill(pid_t(process.processId()), SIGINT);
+    QVERIFY(process.waitForFinished(60000));
+    QCOMPARE(process.exitCode(), 4);
 }
 
 void TestKxpublishWrites::LeftoverThatIsALinkIsNotFollowed()
