@@ -2,6 +2,7 @@
 
 #include "addcommand.h"
 #include "console.h"
+#include "consoleprogress.h"
 #include "diffcommand.h"
 #include "listcommand.h"
 #include "promotecommand.h"
@@ -35,6 +36,13 @@ OptionSpec OutOption()
 {
     return {"out", "SERVERTREE", "Directory that holds the published builds.", required,
             Completion::Directory};
+}
+
+OptionSpec WaitOption()
+{
+    return {"wait", "SECONDS",
+            "How long to wait while another run writes into SERVERTREE, 0 to 86400; 0 if not "
+            "given."};
 }
 
 /** Reads the value of `option`, if it is given, as a number of a range. */
@@ -82,7 +90,15 @@ CommandSpec AddSpec()
          {"exec", "FILE", "Program of the tree that clients start, relative to TREE.", required},
          {"base-url", "URL", "Address at which SERVERTREE is served.", required},
          {"out", "SERVERTREE", "Directory to publish into; made if missing.", required,
-          Completion::Directory}},
+          Completion::Directory},
+         {"exclude", "GLOB",
+          "Leave out what matches, as a line of a .gitignore; counts after those of the tree's "
+          ".kxpublishignore.",
+          OptionSpec::Repeatable},
+         {"notes", "FILE", "Release notes to publish as notes.md beside the manifest.", optional,
+          Completion::File},
+         WaitOption(),
+         {"dry-run", nullptr, "Check and report everything, write nothing."}},
     };
 }
 
@@ -97,7 +113,13 @@ ExitStatus RunAdd(const CommandLine& line)
     settings.executable = line.Value("exec");
     settings.baseUrl = line.Value("base-url");
     settings.serverTree = line.Value("out");
-    return AddCommand(settings).Run();
+    settings.excludes = line.Values("exclude");
+    settings.notes = line.Value("notes");
+    settings.dryRun = line.IsSet("dry-run");
+    if (!ReadNumber(line, "wait", 0, ServerTree::maxWait, settings.waitSeconds))
+        return ExitUsage;
+    ConsoleProgress progress;
+    return AddCommand(settings, ConsoleProgress::IsOfUse() ? &progress : nullptr).Run();
 }
 
 CommandSpec PromoteSpec()
@@ -117,6 +139,8 @@ ExitStatus RunPromote(const CommandLine& line)
     PromoteSettings settings;
     settings.version = line.Value("version");
     settings.serverTree = line.Value("out");
+    if (!ReadNumber(line, "wait", 0, ServerTree::maxWait, settings.waitSeconds))
+        return ExitUsage;
     return PromoteCommand(settings).Run();
 }
 
@@ -130,6 +154,7 @@ CommandSpec RollbackSpec()
         {ServerTreeArgument()},
         {{"as", "VERSION",
           "Publish the older builds again as VERSION, for hosts that never go back."},
+         WaitOption(),
          {"dry-run", nullptr, "Only tell what would be offered."}},
     };
 }
@@ -140,6 +165,8 @@ ExitStatus RunRollback(const CommandLine& line)
     settings.serverTree = line.Argument(0);
     settings.as = line.Value("as");
     settings.dryRun = line.IsSet("dry-run");
+    if (!ReadNumber(line, "wait", 0, ServerTree::maxWait, settings.waitSeconds))
+        return ExitUsage;
     RollbackCommand command(settings);
     return RunAndPrint(command);
 }
@@ -235,6 +262,7 @@ CommandSpec PruneSpec()
         "404, and begins with the version on offer at its next check.",
         {ServerTreeArgument()},
         {{"keep", "N", "Latest versions that stay; at least 1.", required},
+         WaitOption(),
          {"dry-run", nullptr, "Only tell what would be removed."}},
     };
 }
@@ -244,7 +272,8 @@ ExitStatus RunPrune(const CommandLine& line)
     PruneSettings settings;
     settings.serverTree = line.Argument(0);
     settings.dryRun = line.IsSet("dry-run");
-    if (!ReadNumber(line, "keep", 1, 1000000, settings.keep))
+    if (!ReadNumber(line, "keep", 1, 1000000, settings.keep) ||
+        !ReadNumber(line, "wait", 0, ServerTree::maxWait, settings.waitSeconds))
         return ExitUsage;
     PruneCommand command(settings);
     return RunAndPrint(command);

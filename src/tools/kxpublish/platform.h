@@ -35,7 +35,7 @@ struct TreeEntry
     QString name; //!< empty when the native name is not valid UTF-8
     Kind kind = Special;
     bool hidden = false;
-    FileStatus status;       //!< of a regular file
+    FileStatus status;       //!< of a link: its own, not that of its target
     QByteArray nativeTarget; //!< of a link: its text as it stands on the disk
 };
 

@@ -55,7 +55,7 @@ ExitStatus PruneCommand::Run()
         return ExitRefused;
     QString error;
     // The lock comes before the look at the builds: none may come, go or be offered in between.
-    if (!settings.dryRun && !server.Open(error)) {
+    if (!settings.dryRun && !server.Open(error, settings.waitSeconds)) {
         Complain(error);
         return ExitFailed;
     }
@@ -128,7 +128,7 @@ ExitStatus PruneCommand::Remove(const QList<Build>& builds)
     }
     if (result.removed.size() < builds.size()) {
         Complain(QStringLiteral("interrupted, %1 builds are not removed yet")
-                .arg(builds.size() - result.removed.size()));
+                     .arg(builds.size() - result.removed.size()));
         return ExitInterrupted;
     }
     return ExitDone;

@@ -15,6 +15,7 @@ struct PruneSettings
     QString serverTree; //!< directory that holds the builds
     int keep = 1;       //!< latest versions of each package and platform that stay; at least 1
     bool dryRun = false;
+    int waitSeconds = 0; //!< how long to wait for another run, 0 to ServerTree::maxWait
 };
 
 /** What `prune` removed, or would remove. */

@@ -78,7 +78,7 @@ void CheckRecords(const Manifest& manifest, Problems* problems)
         if (file.IsSymlink())
             contents.links.insert(name, file.SymlinkPath());
         else
-            contents.files.insert(name, 0);
+            contents.files.insert(name, {});
         for (qsizetype slash = name.indexOf(QLatin1Char('/')); slash >= 0;
              slash = name.indexOf(QLatin1Char('/'), slash + 1))
             contents.directories.insert(name.left(slash));

@@ -33,7 +33,7 @@ ExitStatus RollbackCommand::Run()
         return ExitRefused;
     QString error;
     // The lock comes before the look at the builds: none may come or go in between.
-    if (!settings.dryRun && !server.Open(error))
+    if (!settings.dryRun && !server.Open(error, settings.waitSeconds))
         return Fail(error);
     result.before = server.OfferedVersion();
     if (result.before.isEmpty()) {

@@ -18,6 +18,7 @@ struct RollbackSettings
     QString serverTree; //!< directory that holds the builds
     QString as;         //!< version to publish the older builds as; empty: under their own
     bool dryRun = false;
+    int waitSeconds = 0; //!< how long to wait for another run, 0 to ServerTree::maxWait
 };
 
 /** What a rollback changed, or would change. */

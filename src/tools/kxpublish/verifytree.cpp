@@ -198,7 +198,7 @@ void VerifyTree::CheckDirectory(const QString& directory)
     for (const TreeEntry& entry : std::as_const(entries)) {
         const QString name = JoinPath(directory, entry.name);
         if (entry.kind == TreeEntry::Directory && !entry.name.isEmpty()) {
-            if (!(entry.mode & passOther))
+            if (!(entry.status.mode & passOther))
                 problems.Refuse(Shown(name), UnreadableText());
             CheckDirectory(name);
             continue;
@@ -213,7 +213,7 @@ void VerifyTree::CheckDirectory(const QString& directory)
             problems.Refuse(Shown(name), entry.kind == TreeEntry::Link
                                              ? QStringLiteral("a link instead of a file")
                                              : QStringLiteral("neither file, link nor directory"));
-        else if (!(entry.mode & readOther))
+        else if (!(entry.status.mode & readOther))
             problems.Refuse(Shown(name), UnreadableText());
         if (entry.kind == TreeEntry::RegularFile)
             toRead.append(wanted.value());
