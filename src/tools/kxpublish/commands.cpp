@@ -286,7 +286,8 @@ CommandSpec ServeSpec()
         "serve a server tree on this machine, for trying out",
         "Serves SERVERTREE at 127.0.0.1 with nginx until Ctrl-C, for trying out. Prints the "
         "address, and a line for each request. Manifests go out with this address in place of the "
-        "one that they hold; nothing in the tree changes.",
+        "one that they hold; nothing in the tree changes. With --json an object tells the address "
+        "once the server is ready, and another one comes at the end.",
         {ServerTreeArgument()},
         {{"port", "PORT", "Port to listen on; any free one if not given."},
          {"limit-rate", "BYTES", "Bytes a second of each connection, such as 100k or 2m."},

@@ -107,6 +107,12 @@ void EndProgress()
     TheOutput().console->EndProgress();
 }
 
+void FlushOutput()
+{
+    if (TheOutput().style.json)
+        Write(stdout, QString::fromUtf8(QJsonDocument(TheOutput().result).toJson()));
+}
+
 void FinishOutput(const QString& command, int exitStatus, const QString& word)
 {
     Output& output = TheOutput();

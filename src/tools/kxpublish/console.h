@@ -38,6 +38,9 @@ void PrintJson(const QJsonObject& result);
 void ShowProgress(int percent, const QString& label);
 void EndProgress();
 
+/** Prints what the JSON object holds so far, for a command that goes on for long. */
+void FlushOutput();
+
 /** Prints the JSON object, if there is to be one. Once, after everything else. */
 void FinishOutput(const QString& command, int exitStatus, const QString& word);
 

@@ -87,6 +87,8 @@ void ServeCommand::Announce(const NginxConfig& config, const QStringList& elsewh
                  version.isEmpty() ? QStringLiteral("no version is offered yet")
                                    : QStringLiteral("version %1 is offered").arg(Shown(version))));
     for (const QString& baseUrl : config.baseUrls) {
+        if (baseUrl == config.Url())
+            continue;
         Say(QStringLiteral("manifests go out with %1 in place of %2; --keep-urls leaves them")
                 .arg(config.Url(), baseUrl));
     }
@@ -97,6 +99,7 @@ void ServeCommand::Announce(const NginxConfig& config, const QStringList& elsewh
     }
     // Last, since scripts wait for it.
     PrintDatum(QStringLiteral("url"), config.Url());
+    FlushOutput();
 }
 
 } // namespace publish
