@@ -21,6 +21,7 @@ private Q_SLOTS:
     void CutTransferGoesOnWhereItStopped_data();
     void CutTransferGoesOnWhereItStopped();
     void EveryAttemptAddsItsPart();
+    void FetchedBytesAreThoseOfAllAttempts();
     void ChangedFileIsFetchedAnew();
     void ServerWithoutRangesIsReadFromTheStart();
     void WrongAnswerToARangeIsFetchedOnceFromTheStart_data();
@@ -88,6 +89,25 @@ void TestFileDownloadResume::EveryAttemptAddsItsPart()
     QCOMPARE(Outcome(*download), "complete");
     QCOMPARE(Contents(Destination()), content);
     QCOMPARE(Ranges(), QByteArrayList({"", "bytes=4-", "bytes=8-", "bytes=12-", "bytes=16-"}));
+}
+
+void TestFileDownloadResume::FetchedBytesAreThoseOfAllAttempts()
+{
+    server->SetRangeSupport("/f", false);
+    WriteFile(Partial(), content.left(3));
+    const auto download = MakeDownload(content);
+    QCOMPARE(http::BytesFetched(download.get()), 0u);
+    FaultUntilAttempt(*download, 2, Reply::TruncateAfter(8));
+    QCOMPARE(Outcome(*download), "complete");
+    QCOMPARE(http::BytesFetched(download.get()), quint64(8 + content.size()));
+    QCOMPARE(download->BytesReceived(), quint64(content.size()));
+
+    // It is there now, and nothing comes.
+    const auto again = MakeDownload(content);
+    QCOMPARE(Outcome(*again), "complete");
+    QCOMPARE(http::BytesFetched(again.get()), 0u);
+    QCOMPARE(again->BytesReceived(), quint64(content.size()));
+    QCOMPARE(http::BytesFetched(nullptr), 0u);
 }
 
 void TestFileDownloadResume::ChangedFileIsFetchedAnew()

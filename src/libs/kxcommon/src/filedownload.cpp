@@ -174,6 +174,12 @@ void FileDownload::Conclude()
         Q_EMIT complete();
 }
 
+quint64 BytesFetched(const IFileDownload* download)
+{
+    const auto* own = qobject_cast<const FileDownload*>(download);
+    return own ? own->BytesFetched() : 0;
+}
+
 IFileDownload* CreateFileDownload(QNetworkAccessManager* manager, QObject* parent)
 {
     return manager ? new (std::nothrow) FileDownload(manager, parent) : nullptr;

@@ -34,6 +34,7 @@ public:
     int Timeout() const override { return timeout; }
     bool IsRunning() const override { return running; }
     quint64 BytesReceived() const override;
+    quint64 BytesFetched() const { return fetched; }
     int Attempt() const override { return attempt; }
     QFileDevice::Permissions FilePermissions() const override { return permissions; }
     void SetFilePermissions(QFileDevice::Permissions newPermissions) override
@@ -101,6 +102,7 @@ private:
     bool checked = false; // there is a digest
     int attempt = 0;
     qint64 accepted = 0;     // bytes of the file handed to the disk side
+    quint64 fetched = 0;     // bytes that came, in all attempts
     QByteArray validator;    // ETag or date of what was fetched in this run
     bool rangeAsked = false; // by the request at hand
     bool validatorSent = false;

@@ -170,6 +170,7 @@ void FileDownload::Drain()
         const QByteArray data = fetch.Read(portion);
         if (data.isEmpty())
             break;
+        fetched += quint64(data.size());
         if (data.size() > expected - accepted) {
             OnWrong(DownloadTooLarge,
                     QStringLiteral("more than the expected %1 bytes came").arg(expected));

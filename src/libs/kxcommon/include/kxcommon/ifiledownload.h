@@ -90,6 +90,14 @@ Q_SIGNALS:
 KXCOMMON_EXPORT IFileDownload* CreateFileDownload(QNetworkAccessManager* manager, QObject* parent);
 
 /**
+ * Bytes that `download` has taken from the network so far: what a speed is measured by. Those of
+ * repeated attempts count, those that were on disk already do not, so it differs from
+ * BytesReceived(), and never goes back. 0 for null, and for a download that CreateFileDownload()
+ * did not make. Owner thread only.
+ */
+KXCOMMON_EXPORT quint64 BytesFetched(const IFileDownload* download);
+
+/**
  * Where a download to `destination` keeps its unfinished data: the hidden sibling ".NAME.kx.part",
  * NAME cut and hashed where that would exceed 255 bytes.
  */
