@@ -1,5 +1,7 @@
 #include <kxupdater/downloader.h>
 
+#include "transferledger.h"
+
 #include <kxcommon/ifiledownload.h>
 #include <kxcommon/logger.h>
 #include <kxcommon/pathguard.h>
@@ -9,7 +11,7 @@
 #include <QPointer>
 #include <QUrl>
 
-#include <utility>
+#include <vector>
 
 KX_LOG_CATEGORY("updater.download")
 
@@ -23,7 +25,10 @@ constexpr int attemptsPerFile = 3;
 using common::http::IFileDownload;
 
 Downloader::Downloader(QNetworkAccessManager* manager, QObject* parent)
-    : QObject(parent), manager(manager), maxDownloads(defaultMaxDownloads)
+    : QObject(parent),
+      manager(manager),
+      ledger(new TransferLedger),
+      maxDownloads(defaultMaxDownloads)
 {
     KX_LOG(Info) << "created, maximum downloads: " << maxDownloads << ".";
 }
@@ -90,6 +95,7 @@ bool Downloader::Start()
         KX_LOG(Error) << "Trying to start with empty list of files!";
     ++run;
     pending = files;
+    ledger->Begin(files);
     SendRequest();
     return true;
 }
@@ -97,10 +103,10 @@ bool Downloader::Start()
 void Downloader::Abort()
 {
     ++run;
-    if (active.isEmpty())
-        return;
     // Emptied first: a host that looks at the downloader from inside the signal finds it idle.
-    const QSet<IFileDownload*> transfers = std::exchange(active, {});
+    const std::vector<IFileDownload*> transfers = ledger->EndAll();
+    if (transfers.empty())
+        return;
     qDeleteAll(transfers);
     Q_EMIT failed(DownloadAborted, QStringLiteral("User abort download!"));
 }
@@ -108,15 +114,14 @@ void Downloader::Abort()
 void Downloader::SendRequest()
 {
     KX_LOG(Debug) << "Sending download requests...";
-    while (!pending.isEmpty() && static_cast<unsigned int>(active.size()) < maxDownloads) {
+    while (!pending.isEmpty() && ledger->Running().size() < maxDownloads) {
         IFileDownload* transfer = CreateDownload(pending.first());
         if (!transfer) {
             Q_EMIT failed(DownloadStartFailed,
                           QStringLiteral("Failed to create file download request."));
             return;
         }
-        pending.removeFirst();
-        active.insert(transfer);
+        ledger->Start(transfer, pending.takeFirst());
     }
 }
 
@@ -162,11 +167,13 @@ void Downloader::OnFileDownloadComplete()
 {
     const QPointer<Downloader> self(this);
     if (auto* transfer = qobject_cast<IFileDownload*>(sender())) {
-        active.remove(transfer);
+        ledger->End(transfer, true);
         delete transfer;
         const int total = static_cast<int>(files.size());
+        const int left =
+            static_cast<int>(ledger->Running().size()) + static_cast<int>(pending.size());
         const quint64 reported = run;
-        Q_EMIT progress(total - static_cast<int>(active.size() + pending.size()), total);
+        Q_EMIT progress(total - left, total);
         // Whoever aborted or started anew inside the signal has settled what comes next.
         if (!self || run != reported)
             return;
@@ -176,7 +183,7 @@ void Downloader::OnFileDownloadComplete()
 
     if (!pending.isEmpty()) {
         SendRequest();
-    } else if (active.isEmpty()) {
+    } else if (ledger->Running().empty()) {
         KX_LOG(Info) << "Download complete!";
         Q_EMIT complete();
     }
@@ -187,7 +194,7 @@ void Downloader::OnFileDownloadFailed(int error, const QString& errorString)
     // The text belongs to the transfer that goes now.
     const QString text = errorString;
     if (auto* transfer = qobject_cast<IFileDownload*>(sender())) {
-        active.remove(transfer);
+        ledger->End(transfer, false);
         delete transfer;
     } else {
         KX_LOG(Error) << "DownloadFailed() - File download is null!";

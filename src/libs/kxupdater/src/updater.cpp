@@ -3,6 +3,7 @@
 #include "appcallback.h"
 #include "partialsweep.h"
 #include "stepmachine.h"
+#include "transferledger.h"
 #include "updater_log.h"
 
 #include <kxcommon/filecopier.h>
@@ -43,7 +44,10 @@ IUpdater* CreateUpdater(QNetworkAccessManager* manager, QObject* parent)
 }
 
 Updater::Updater(QNetworkAccessManager* manager, QObject* parent)
-    : networkManager(manager), stateMachine(nullptr), stateName(QStringLiteral("INITIALIZING"))
+    : networkManager(manager),
+      stateMachine(nullptr),
+      stateName(QStringLiteral("INITIALIZING")),
+      transfers(new TransferLedger)
 {
     package.reset(CreatePackage(manager));
     setParent(parent);

@@ -4,6 +4,7 @@
 #include <kxupdater/iupdater.h>
 
 #include <QHash>
+#include <QSharedDataPointer>
 #include <QString>
 #include <QTimer>
 
@@ -26,6 +27,7 @@ class FileScanner;
 class Package;
 class PartialSweep;
 class StepMachine;
+class TransferLedger;
 
 /**
  * The updater behind IUpdater: a state machine and the handlers of its states.
@@ -74,6 +76,12 @@ public:
     /** The application directory's path with ".old" appended; separators at its end do not count.
      */
     virtual QString BackupPath() const;
+
+    /** The transfers of the DOWNLOADING step that is under way or was the last; empty from
+     * PREPARING on. The same one for the updater's whole life. */
+    const QExplicitlySharedDataPointer<TransferLedger>& Transfers() const { return transfers; }
+    /** True from the announcement of DOWNLOADING to that of the next state. */
+    bool IsDownloading() const { return stateName == QLatin1String("DOWNLOADING"); }
 
     // The order of these slots is the order of the meta-object and of the virtual table.
 public Q_SLOTS:
@@ -188,6 +196,7 @@ private:
     QString stateName;
     std::unique_ptr<Package> package;
     std::unique_ptr<FileScanner> fileScanner;
+    QExplicitlySharedDataPointer<TransferLedger> transfers;
     std::unique_ptr<Downloader> downloader;
     std::unique_ptr<common::FileCopier> fileCopier;
     std::unique_ptr<common::FileRemover> fileRemover;

@@ -8,6 +8,7 @@
 
 #include "filediff.h"
 #include "partialsweep.h"
+#include "transferledger.h"
 #include "updater_log.h"
 
 #include <kxcommon/errors.h>
@@ -84,6 +85,7 @@ void Updater::OnPreparingStateEnter()
     copyCount = static_cast<int>(copies.size());
     downloadCount = static_cast<int>(downloads.size());
     symlinkCount = static_cast<int>(symlinks);
+    transfers->Begin({});
     SweepPartials(downloads + copies);
 }
 
@@ -169,6 +171,7 @@ void Updater::OnDownloadingStateEnter()
         Q_EMIT error(DownloaderMissing, QStringLiteral("Failed to create downloader!"));
         return;
     }
+    downloader->ledger = transfers;
     connect(downloader.get(), SIGNAL(complete()), this, SIGNAL(downloadingComplete()));
     connect(downloader.get(), SIGNAL(failed(int, const QString&)), this,
             SIGNAL(error(int, const QString&)));

@@ -4,7 +4,7 @@
 #include <kxupdater/kxupdater_export.h>
 
 #include <QObject>
-#include <QSet>
+#include <QSharedDataPointer>
 #include <QString>
 
 QT_BEGIN_NAMESPACE
@@ -16,6 +16,8 @@ class IFileDownload;
 }
 
 namespace updater {
+
+class TransferLedger;
 
 /**
  * Fetches a list of files from a base URL into a directory, several at a time.
@@ -76,6 +78,7 @@ private Q_SLOTS:
     void OnFileDownloadFailed(int error, const QString& errorString);
 
 private:
+    friend class Updater; // shares its ledger
     Q_DISABLE_COPY(Downloader)
 
     void SendRequest();
@@ -86,7 +89,7 @@ private:
     QString downloadPath;
     FileList files;
     FileList pending;
-    QSet<common::http::IFileDownload*> active;
+    QExplicitlySharedDataPointer<TransferLedger> ledger; // holds the transfers that run
     unsigned int maxDownloads = 4;
     quint64 run = 0; // counts Start() and Abort(): tells after an emit whether either was called
 };
