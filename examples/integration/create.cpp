@@ -20,6 +20,7 @@ UpdateController::UpdateController(UserInterface* userInterface, QNetworkAccessM
     updater->SetDownloadPath(cache.absoluteFilePath(QStringLiteral("next")));
     updater->SetAppCallback(&closeProgram);
     Connect();
+    WatchTransfers();
 }
 //! [create]
 

@@ -13,6 +13,9 @@ QT_END_NAMESPACE
 namespace common {
 class FileRemover;
 }
+namespace updater {
+class TransferProgress;
+}
 
 /** Asks the program's user, and shows what happens: the part that each application writes itself.
  */
@@ -23,6 +26,7 @@ public:
     virtual void Offer(const QString& version, bool repair) = 0;
     virtual void ShowStep(const QString& text) = 0;
     virtual void ShowProgress(int percent) = 0;
+    virtual void ShowTransfers(const QString& text) = 0;
     virtual void ShowError(const QString& text) = 0;
     virtual void OfferRestart() = 0;
 };
@@ -53,6 +57,7 @@ private Q_SLOTS:
     void OnUpdateRequired();
     void OnActual();
     void OnStateChanged(const QString& state);
+    void OnTransfersChanged();
     void OnFinished();
     void OnError(int code, const QString& text);
     void OnFailed();
@@ -60,12 +65,14 @@ private Q_SLOTS:
 
 private:
     void Connect();
+    void WatchTransfers();
     QString ManifestPath() const;
     bool SaveManifest() const;
     void RemoveDownload();
 
-    UserInterface* userInterface; // not owned
-    updater::IUpdater* updater;   // a child
+    UserInterface* userInterface;                   // not owned
+    updater::IUpdater* updater;                     // a child
+    updater::TransferProgress* transfers = nullptr; // a child
     CloseProgram closeProgram;
     QString lastError;
     QPointer<common::FileRemover> cleaning; // while the download directory is being removed
