@@ -3,12 +3,20 @@
 #include "workload.h"
 
 #include <benchmark/benchmark.h>
+#include <kxupdater/build.h>
 #include <kxupdater/downloader.h>
+#include <kxupdater/iupdater.h>
+#include <kxupdater/transferprogress.h>
 #include <manifest.h>
 #include <nginxserver.h>
 #include <treebuilder.h>
 
+#include <QDir>
+#include <QElapsedTimer>
 #include <QNetworkAccessManager>
+#include <QTimer>
+
+#include <memory>
 
 namespace {
 
@@ -70,7 +78,65 @@ void DownloadCurl(benchmark::State& state)
     state.SetBytesProcessed(state.iterations() * state.range(0) * state.range(1));
 }
 
+// The DOWNLOADING step of an updater with nothing installed: alone, and watched by a host that asks
+// for everything each time that it is told to.
+void DownloadStep(benchmark::State& state)
+{
+    const kxbench::Workspace workspace;
+    const QString tree = kxbench::SharedTree(state.range(0), state.range(1));
+    const QString root = workspace.Path(QStringLiteral("server"));
+    QDir().mkpath(root);
+    kxtest::NginxServer server(root);
+    if (!server.Start())
+        qFatal("%s", qPrintable(server.Error()));
+    kxtest::PublishTree(root, QStringLiteral("app"), QStringLiteral("2.0"),
+                        updater::Build::Platform(), tree, server.Url());
+
+    for (auto _ : state) {
+        QNetworkAccessManager manager;
+        std::unique_ptr<updater::IUpdater> updater(updater::CreateUpdater(&manager, nullptr));
+        updater->SetURL(server.Url());
+        updater->SetPackageName(QStringLiteral("app"));
+        updater->SetCurrentVersion(QStringLiteral("1.0"));
+        updater->SetLocalPackagePath(workspace.Path(QStringLiteral("app")));
+        updater->SetDownloadPath(workspace.Path(QStringLiteral("next")));
+        quint64 asked = 0;
+        std::unique_ptr<updater::TransferProgress> progress;
+        if (state.range(2) != 0) {
+            progress = std::make_unique<updater::TransferProgress>(updater.get());
+            QObject::connect(progress.get(), &updater::TransferProgress::changed, progress.get(),
+                             [&progress, &asked] {
+                                 asked += progress->BytesDone() + progress->BytesTotal() +
+                                          quint64(progress->FilesDone()) +
+                                          quint64(progress->SecondsLeft()) +
+                                          quint64(progress->ActiveFiles().size());
+                             });
+        }
+        QElapsedTimer clock;
+        QObject::connect(updater.get(), &updater::IUpdater::downloading, updater.get(),
+                         [&clock] { clock.start(); });
+        const char* const failed = SIGNAL(failed());
+        kxbench::WaitFor(updater.get(), SIGNAL(waiting()), failed);
+        QTimer::singleShot(0, updater.get(), SLOT(Check()));
+        kxbench::WaitFor(updater.get(), SIGNAL(available()), failed);
+        QTimer::singleShot(0, updater.get(), SLOT(Download()));
+        kxbench::WaitFor(updater.get(), SIGNAL(creatingSymlinks()), failed);
+        state.SetIterationTime(double(clock.nsecsElapsed()) / 1e9);
+        benchmark::DoNotOptimize(asked);
+    }
+    state.SetBytesProcessed(state.iterations() * state.range(0) * state.range(1));
+}
+
+void Watched(benchmark::internal::Benchmark* benchmark)
+{
+    for (const int watched : {0, 1})
+        benchmark->Args({2000, 4096, watched})->Args({1, 512 << 20, watched});
+    benchmark->ArgNames({"files", "bytes", "watched"})->Unit(benchmark::kMillisecond);
+    benchmark->UseManualTime()->Iterations(1)->Repetitions(3)->ReportAggregatesOnly();
+}
+
 } // namespace
 
 BENCHMARK(DownloadKxupdater)->Apply(Sizes);
 BENCHMARK(DownloadCurl)->Apply(Sizes);
+BENCHMARK(DownloadStep)->Apply(Watched);
