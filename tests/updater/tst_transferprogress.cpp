@@ -725,6 +725,7 @@ void TestTransferProgress::FiguresOutliveTheUpdater()
     const TransferProgress progress(rig->updater);
     DownloadUntilStalled();
     QTRY_COMPARE_WITH_TIMEOUT(progress.BytesDone(), quint64(MiB), kxtest::patience);
+    QTRY_VERIFY_WITH_TIMEOUT(progress.BytesPerSecond() > 0, kxtest::patience);
     rig->trace.reset();
     QSignalSpy changed(&progress, &TransferProgress::changed);
     delete rig->updater;
