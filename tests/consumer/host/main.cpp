@@ -1,4 +1,5 @@
 #include <kxupdater/iupdater.h>
+#include <kxupdater/transferprogress.h>
 
 #include <QCoreApplication>
 #include <QNetworkAccessManager>
@@ -16,6 +17,9 @@ int main(int argc, char** argv)
     QObject* object = updater::CreateUpdater(&manager, &app);
     auto* updater = dynamic_cast<updater::IUpdater*>(object);
     updater->SetAppCallback(&callback);
+    const updater::TransferProgress progress(updater);
+    if (progress.FilesTotal() != 0 || progress.SecondsLeft() != -1)
+        return 1;
     QObject::connect(updater, &updater::IUpdater::waiting, &app, &QCoreApplication::quit);
     return app.exec();
 }
