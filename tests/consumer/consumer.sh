@@ -2,12 +2,13 @@
 # One step of the consumer tests: consumer.sh STEP BUILD_DIR WORK_DIR LIBDIR
 #
 #   install     installs the build under a prefix, and moves the prefix
-#   cmake       builds and runs a host by CMake's find_package
-#   pkgconfig   builds and runs it by pkg-config
+#   cmake       builds and runs the example host for CMake's find_package
+#   pkgconfig   builds and runs it by pkg-config and the bare compiler
+#   qmake       builds and runs the example host for qmake
 #   symbols     compares what the libraries export with what the installed headers publish
 set -euo pipefail
 step=$1 build=$2 work=$3 libdir=$4
-host=$(dirname "${BASH_SOURCE[0]}")/host
+examples=$(cd "$(dirname "${BASH_SOURCE[0]}")/../../examples" && pwd)
 prefix=$work/moved
 unset LD_LIBRARY_PATH PKG_CONFIG_PATH CMAKE_PREFIX_PATH
 
@@ -33,20 +34,36 @@ install_and_move() {
     done
 }
 
+# run HOST: it is ready when it has said so and ended.
+run() {
+    local output
+    output=$(timeout 60 "$1") || fail "$1 ended with status $?:" "$output"
+    [[ $output =~ ^"Builds for windows x"(64|86)$'\nThe updater waits for commands.'$ ]] ||
+        fail "$1 said:" "$output"
+}
+
 with_cmake() {
     rm -rf "$work/cmake"
-    "$CMAKE_COMMAND" -G Ninja -S "$host" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix"
+    "$CMAKE_COMMAND" -G Ninja -S "$examples/consumer-cmake" -B "$work/cmake" \
+        -DCMAKE_PREFIX_PATH="$prefix"
     "$CMAKE_COMMAND" --build "$work/cmake"
-    "$work/cmake/host"
+    run "$work/cmake/consumer"
 }
 
 with_pkgconfig() {
     export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
     pkg-config --exists --print-errors "kxupdater >= 0.1"
     read -ra flags <<<"$(pkg-config --cflags --libs kxupdater)"
-    "$CXX" -std=c++17 "$host/main.cpp" -o "$work/host" "${flags[@]}" \
+    "$CXX" -std=c++17 "$examples/consumer-cmake/main.cpp" -o "$work/consumer" "${flags[@]}" \
         -Wl,-rpath,"$(pkg-config --variable=libdir kxupdater)"
-    "$work/host"
+    run "$work/consumer"
+}
+
+with_qmake() {
+    export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
+    rm -rf "$work/qmake" && mkdir "$work/qmake"
+    (cd "$work/qmake" && qmake6 QMAKE_CXX="$CXX" "$examples/consumer-qmake/consumer.pro" && make)
+    run "$work/qmake/consumer"
 }
 
 symbols() {
@@ -82,6 +99,7 @@ case $step in
 install) install_and_move ;;
 cmake) with_cmake ;;
 pkgconfig) with_pkgconfig ;;
+qmake) with_qmake ;;
 symbols) symbols ;;
 *) fail "unknown step '$step'" ;;
 esac
