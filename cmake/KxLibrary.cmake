@@ -51,8 +51,9 @@ function(kx_library name)
 
     install(TARGETS ${name} EXPORT kxupdaterTargets
         LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-        ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-        RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+            COMPONENT runtime NAMELINK_COMPONENT development
+        ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
+        RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT runtime)
     install(FILES ${headers} "${generated}/${name}/${name}_export.h"
-        DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/${name}")
+        DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/${name}" COMPONENT development)
 endfunction()
