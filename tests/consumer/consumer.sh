@@ -6,9 +6,11 @@
 #   pkgconfig   builds and runs it by pkg-config and the bare compiler
 #   qmake       builds and runs the example host for qmake
 #   symbols     compares what the libraries export with what the installed headers publish
+#   interface   compares the binary interface with interface.txt
 set -euo pipefail
 step=$1 build=$2 work=$3 libdir=$4
-examples=$(cd "$(dirname "${BASH_SOURCE[0]}")/../../examples" && pwd)
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+examples=$here/../../examples
 prefix=$work/moved
 unset LD_LIBRARY_PATH PKG_CONFIG_PATH CMAKE_PREFIX_PATH
 
@@ -95,11 +97,17 @@ symbols() {
     echo "$(wc -l <<<"$exported") symbols of $(wc -l <<<"$published") published names"
 }
 
+interface() {
+    mkdir -p "$work/interface"
+    perl "$here/interface.pl" check "$here/interface.txt" "$prefix" "$libdir" "$work/interface"
+}
+
 case $step in
 install) install_and_move ;;
 cmake) with_cmake ;;
 pkgconfig) with_pkgconfig ;;
 qmake) with_qmake ;;
 symbols) symbols ;;
+interface) interface ;;
 *) fail "unknown step '$step'" ;;
 esac
