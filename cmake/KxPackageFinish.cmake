@@ -1,0 +1,20 @@
+# Run by cpack over the finished packages: what its generator cannot say. It writes scripts that call
+# ldconfig, where Debian's packages declare a trigger, and knows nothing of several architectures.
+foreach(file IN LISTS CPACK_PACKAGE_FILES)
+    set(root "${file}.tree")
+    execute_process(COMMAND dpkg-deb --raw-extract "${file}" "${root}" COMMAND_ERROR_IS_FATAL ANY)
+    set(control "${root}/DEBIAN")
+    if(EXISTS "${control}/shlibs")
+        file(REMOVE "${control}/postinst" "${control}/postrm")
+        file(WRITE "${control}/triggers" "activate-noawait ldconfig\n")
+    endif()
+    set(multiarch foreign)
+    if(file MATCHES "/lib[^/]*$")
+        set(multiarch same)
+    endif()
+    file(READ "${control}/control" fields)
+    file(WRITE "${control}/control" "Multi-Arch: ${multiarch}\n${fields}")
+    execute_process(COMMAND dpkg-deb --root-owner-group --build "${root}" "${file}"
+        OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
+    file(REMOVE_RECURSE "${root}")
+endforeach()

@@ -1,0 +1,93 @@
+#!/usr/bin/env bash
+# Makes Debian packages of a build and checks them: packages.sh BUILD_DIR WORK_DIR
+#
+# The packages of a debug build differ from those of scripts/package in what the compiler made of the
+# sources; files, places, dependencies and everything that cpack does are the same.
+set -euo pipefail
+build=$1 work=$2
+examples=$(cd "$(dirname "${BASH_SOURCE[0]}")/../../examples" && pwd)
+unset LD_LIBRARY_PATH PKG_CONFIG_PATH CMAKE_PREFIX_PATH
+names=(libkxupdater0 libkxupdater-dev kxupdater-tools kxupdater-doc)
+
+fail() {
+    printf 'packages: %s\n' "$@" >&2
+    exit 1
+}
+field() { dpkg-deb -f "$(echo "$work/$1"_*.deb)" "$2"; }
+contents() { dpkg-deb -c "$(echo "$work/$1"_*.deb)" | awk '{ print $1, $6 }'; }
+
+# depends PACKAGE PATTERN...: its Depends are these and no others.
+depends() {
+    local package=$1 found pattern missing
+    mapfile -t found < <(field "$package" Depends | sed 's/, /\n/g')
+    shift
+    [ ${#found[@]} -eq $# ] || fail "$package depends on ${#found[@]} packages, not $#:" "${found[@]}"
+    for pattern in "$@"; do
+        missing=yes
+        for dependency in "${found[@]}"; do
+            # shellcheck disable=SC2053 # it is a pattern
+            [[ $dependency != $pattern ]] || missing=
+        done
+        [ -z "$missing" ] || fail "$package does not depend on $pattern:" "${found[@]}"
+    done
+}
+
+rm -rf "$work"
+mkdir -p "$work"
+(umask 077 && "$CPACK" -G DEB --config "$build/CPackConfig.cmake" -B "$work") >"$work/cpack.log" 2>&1 ||
+    fail "cpack failed:" "$(cat "$work/cpack.log")"
+rm -rf "$work/_CPack_Packages"
+for name in "${names[@]}"; do
+    ls "$work/$name"_*.deb >/dev/null || fail "there is no package $name"
+done
+[ "$(ls "$work"/*.deb | wc -l)" -eq ${#names[@]} ] || fail "more packages than expected:" "$work"/*.deb
+
+lintian --allow-root --fail-on error "$work"/*.deb || fail "lintian found errors"
+
+version=$(field libkxupdater0 Version)
+depends libkxupdater0 "libc6 *" "libgcc-s1 *" "libstdc++6 *" "libqt6core6 (>= 6.4*)" \
+    "libqt6network6 *" "libqt6statemachine6 *" "libqt6xml6 *"
+depends libkxupdater-dev "libkxupdater0 (= $version)" "qt6-base-dev (>= 6.4)"
+depends kxupdater-tools "libkxupdater0 (= $version)" "libc6 *" "libgcc-s1 *" "libstdc++6 *" \
+    "libqt6core6 (>= 6.4*)" "libqt6network6 *"
+[ -z "$(field kxupdater-doc Depends)" ] || fail "kxupdater-doc depends on $(field kxupdater-doc Depends)"
+[ "$(field kxupdater-doc Architecture)" = all ] || fail "kxupdater-doc is not for all architectures"
+[ "$(dpkg-deb -I "$work"/libkxupdater0_*.deb triggers)" = "activate-noawait ldconfig" ] ||
+    fail "libkxupdater0 does not trigger ldconfig"
+dpkg-deb -I "$work"/libkxupdater0_*.deb shlibs >"$work/shlibs"
+for library in kxcommon kxupdater; do
+    grep -q "^lib$library 0 libkxupdater0 (>= $version)$" "$work/shlibs" ||
+        fail "shlibs does not name lib$library:" "$(cat "$work/shlibs")"
+done
+
+for name in "${names[@]}"; do
+    contents "$name" >"$work/contents"
+    ! grep -vE '^(-rw-r--r--|-rwxr-xr-x|drwxr-xr-x|lrwxrwxrwx) \./' "$work/contents" ||
+        fail "$name has entries with unusual permissions, see above"
+    for file in copyright changelog.gz changelog.Debian.gz; do
+        grep -q " ./usr/share/doc/$name/$file$" "$work/contents" || fail "$name has no $file"
+    done
+done
+for file in docs/integration.md docs/states.svg README.md examples/consumer-cmake/CMakeLists.txt; do
+    contents kxupdater-doc | grep -q "/usr/share/doc/kxupdater/$file$" ||
+        fail "kxupdater-doc has no $file"
+done
+
+root=$work/root
+for name in "${names[@]}"; do
+    dpkg-deb -x "$work/$name"_*.deb "$root"
+done
+libdir=$(dirname "$(ls "$root"/usr/lib/*/libkxupdater.so)")
+for file in "$root"/usr/bin/* "$libdir"/*.so.0; do
+    ! readelf -d "$file" | grep -E 'R(UN)?PATH' || fail "$file has a run path"
+    ! readelf -S "$file" | grep -F .symtab || fail "$file is not stripped"
+done
+"$CMAKE_COMMAND" -G Ninja -S "$examples/consumer-cmake" -B "$work/consumer" \
+    -DCMAKE_PREFIX_PATH="$root/usr" >"$work/consumer.log" 2>&1 &&
+    "$CMAKE_COMMAND" --build "$work/consumer" >>"$work/consumer.log" 2>&1 ||
+    fail "the example host was not built:" "$(cat "$work/consumer.log")"
+export LD_LIBRARY_PATH=$libdir
+timeout 60 "$work/consumer/consumer" | grep -q "waits for commands" || fail "the example host failed"
+for tool in kxupdate kxpublish; do
+    "$root/usr/bin/$tool" --version >/dev/null || fail "$tool --version failed"
+done
