@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QString>
 
+/** Services that the updater is built on: log, requests, downloads, files, versions. */
 namespace common {
 
 /** Single operations on the file system. Static functions only, safe from any thread. */

@@ -17,8 +17,9 @@ class CopyWorker;
  *     auto copier = std::make_unique<common::FileCopier>();
  *     copier->AddDirectory(source, destination);
  *     connect(copier.get(), SIGNAL(succesed()), SLOT(OnCopied()));
- *     connect(copier.get(), SIGNAL(failed(int, const QString&)), SLOT(OnFailed(int, const
- * QString&))); connect(copier.get(), SIGNAL(progress(int, int)), SLOT(OnProgress(int, int)));
+ *     connect(copier.get(), SIGNAL(failed(int, const QString&)),
+ *             SLOT(OnFailed(int, const QString&)));
+ *     connect(copier.get(), SIGNAL(progress(int, int)), SLOT(OnProgress(int, int)));
  *     copier->Copy();
  *
  * The queue is filled before the single run. Jobs are carried out in the order of the queue and

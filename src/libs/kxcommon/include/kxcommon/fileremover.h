@@ -17,8 +17,9 @@ class RemoveWorker;
  *     auto remover = std::make_unique<common::FileRemover>();
  *     remover->AddDirectory(path);
  *     connect(remover.get(), SIGNAL(succesed()), SLOT(OnRemoved()));
- *     connect(remover.get(), SIGNAL(failed(int, const QString&)), SLOT(OnFailed(int, const
- * QString&))); remover->Remove();
+ *     connect(remover.get(), SIGNAL(failed(int, const QString&)),
+ *             SLOT(OnFailed(int, const QString&)));
+ *     remover->Remove();
  *
  * Never follows a symbolic link: a link inside a tree is removed, what it points to is not, and the
  * same holds when the queued path itself is a link. Read-only entries are removed. A path that does

@@ -40,6 +40,7 @@ class KXCOMMON_EXPORT IFileDownload : public QObject
 {
     Q_OBJECT
 public:
+    /** For classes that implement a download; `parent` owns it. */
     explicit IFileDownload(QObject* parent = nullptr);
     ~IFileDownload() override;
 
@@ -47,21 +48,27 @@ public:
     virtual QNetworkAccessManager* Manager() const = 0;
     /** Source; http and https only. */
     virtual void SetUrl(const QUrl& url) = 0;
+    /** The source as set; a redirect never changes it. */
     virtual QUrl Url() const = 0;
     /** Destination file; missing directories are made. An existing file or link is replaced. */
     virtual void SetFilePath(const QString& path) = 0;
+    /** The destination as set. */
     virtual QString FilePath() const = 0;
     /** Expected size in bytes; the transfer stops as soon as more has come. */
     virtual void SetFileSize(quint64 size) = 0;
+    /** The expected size as set. */
     virtual quint64 FileSize() const = 0;
     /** Expected MD5 as 32 hexadecimal digits of either case; empty: not checked. */
     virtual void SetFileMD5(const QString& md5) = 0;
+    /** The expected MD5 as set. */
     virtual QString FileMD5() const = 0;
     /** Attempts in all; below 1 counts as 1. Default 3. */
     virtual void SetOption(int attempts) = 0;
+    /** The number of attempts in all. */
     virtual int Option() const = 0;
     /** Seconds without any data before an attempt has timed out; 0 or less: never. Default 30. */
     virtual void SetTimeout(int seconds) = 0;
+    /** The seconds as set. */
     virtual int Timeout() const = 0;
     /** True from a successful StartDownload() until just before its outcome is signalled. */
     virtual bool IsRunning() const = 0;
@@ -69,6 +76,7 @@ public:
     virtual quint64 BytesReceived() const = 0;
     /** Number of the running attempt, from 1; 0 before the start. */
     virtual int Attempt() const = 0;
+    /** The permissions as set; none by default. */
     virtual QFileDevice::Permissions FilePermissions() const = 0;
     /** Permissions of the stored file; none: those of a newly made file. */
     virtual void SetFilePermissions(QFileDevice::Permissions permissions) = 0;

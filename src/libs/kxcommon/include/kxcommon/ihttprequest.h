@@ -10,6 +10,7 @@ QT_BEGIN_NAMESPACE
 class QNetworkAccessManager;
 QT_END_NAMESPACE
 
+/** What speaks HTTP: one request, one file. */
 namespace common::http {
 
 /**
@@ -19,8 +20,10 @@ namespace common::http {
  *     request->SetIntParameter(30);   // seconds without data until it has timed out
  *     request->SetBoolParameter(true);
  *     connect(request, SIGNAL(requestFinished(const QString&)), SLOT(OnReply(const QString&)));
- *     connect(request, SIGNAL(requestError(int, const QString&)), SLOT(OnError(int, const
- * QString&))); request->SetUrl(url); request->Send();
+ *     connect(request, SIGNAL(requestError(int, const QString&)),
+ *             SLOT(OnError(int, const QString&)));
+ *     request->SetUrl(url);
+ *     request->Send();
  *
  * Every successful Send() is followed by exactly one of the two signals, unless Abort() or the
  * destructor comes first. Redirects are followed, but never from https to http nor to another
@@ -32,6 +35,7 @@ class KXCOMMON_EXPORT IHttpRequest : public QObject
 {
     Q_OBJECT
 public:
+    /** For classes that implement a request; `parent` owns it. */
     explicit IHttpRequest(QObject* parent = nullptr);
     ~IHttpRequest() override;
 
@@ -42,6 +46,7 @@ public:
     /** Seconds without any data before the request has timed out; 0 or less never times out.
      *  Default 30. Counts from the next send. */
     virtual void SetIntParameter(int seconds) = 0;
+    /** The seconds as set. */
     virtual int IntParameter() const = 0;
     /** Starts fetching; false, and nothing else, while running or for a URL that is empty, invalid
      *  or not http(s). Emits nothing from inside the call. */
@@ -51,6 +56,7 @@ public:
     /** True: always ask the network, never a cache on the way. Default false. Counts from the next
      *  send. */
     virtual void SetBoolParameter(bool alwaysAskNetwork) = 0;
+    /** True when the network is always asked. */
     virtual bool BoolParameter() const = 0;
     /** Ends a running request without a signal; does nothing otherwise. */
     virtual void Abort() = 0;

@@ -1,3 +1,5 @@
+/** \file
+ * Loggers, messages, and the macros that make them. */
 #pragma once
 
 #include <kxcommon/kxcommon_export.h>
@@ -8,6 +10,7 @@
 
 #include <cstddef>
 
+/** The log: who receives messages, and what they carry. */
 namespace common::logger {
 
 /** Severities, numbered as syslog numbers them. Levels 0 to 7 are delivered. */
@@ -86,6 +89,7 @@ public:
     public:
         Stream() { setString(&text, QIODevice::ReadWrite); }
         ~Stream() override = default;
+        /** What has been written. */
         const QString& Text() const { return text; }
 
     private:
@@ -119,15 +123,17 @@ public:
     const char* File() const override { return file; }
     const char* Function() const override { return function; }
 
-    // Parts are written one after another, with nothing between them.
+    /** \name Parts */
+    /** \{ */
+    /** Appends a part, with nothing before or after it; pointers in hexadecimal. */
     Message& operator<<(const QString& value) { return Insert(value); }
     Message& operator<<(const char* value) { return Insert(value); }
     Message& operator<<(int value) { return Insert(value); }
     Message& operator<<(unsigned int value) { return Insert(value); }
     Message& operator<<(qint64 value) { return Insert(value); }
     Message& operator<<(quint64 value) { return Insert(value); }
-    /** Pointers are written in hexadecimal. */
     Message& operator<<(const void* value) { return Insert(value); }
+    /** \} */
 
 private:
     Q_DISABLE_COPY(Message)
@@ -156,6 +162,7 @@ template <std::size_t N>
 class FunctionName
 {
 public:
+    /** Cuts the name out of `signature`. */
     constexpr explicit FunctionName(const char (&signature)[N])
     {
         std::size_t begin = 0;
@@ -184,6 +191,7 @@ public:
             name[i - begin] = signature[i];
     }
 
+    /** The name; lives as long as this object. */
     constexpr const char* Text() const { return name; }
 
 private:
@@ -192,6 +200,7 @@ private:
 
 } // namespace common::logger
 
+/** The compiler's text for the signature of the function that it stands in. */
 #if defined(_MSC_VER)
 #define KX_FUNCTION_SIGNATURE __FUNCSIG__
 #else

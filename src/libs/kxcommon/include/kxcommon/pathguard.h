@@ -16,8 +16,7 @@ public:
     /**
      * Why `name` cannot be the relative path of an entry of a tree, as a text for a log; empty when
      * it can. Refused are an empty name, absolute names, drive letters, backslashes, control
-     * characters,
-     * "." and ".." as components, and a separator at the end.
+     * characters, "." and ".." as components, and a separator at the end.
      */
     static QString NameViolation(const QString& name);
 

@@ -9,8 +9,8 @@ namespace common::logger {
  *
  *     common::logger::QtLogger logger;
  *     common::logger::SetLogger(&logger);
- *     // QT_LOGGING_RULES="updater.*.debug=true" shows everything, qInstallMessageHandler()
- * redirects.
+ *     // QT_LOGGING_RULES="updater.*.debug=true" shows everything,
+ *     // qInstallMessageHandler() redirects.
  *
  * Levels 0 to 3 become critical messages, 4 and 5 warnings, 6 info and 7 debug; file, line and
  * function are passed on. Holds no state of its own and is safe from any thread. A category name

@@ -19,6 +19,7 @@ namespace common {
 class KXCOMMON_EXPORT Version
 {
 public:
+    /** Any text; see the class for the order of those that are versions. */
     Version(const QString& text);
 
     /** True when this version is later than `other`; false for equal ones. */

@@ -14,7 +14,9 @@ class KXUPDATER_EXPORT Build
 {
 public:
     Build() = delete;
+    /** Never used: there are no objects. */
     Build& operator=(const Build&) = default;
+    /** Never used: there are no objects. */
     Build& operator=(Build&&) = default;
 
     /** "windows", on every system: the directory of the server tree has this name. */

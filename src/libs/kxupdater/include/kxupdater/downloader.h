@@ -24,8 +24,9 @@ class TransferLedger;
  *
  *     updater::Downloader downloader(&manager, this);
  *     connect(&downloader, SIGNAL(complete()), SLOT(OnComplete()));
- *     connect(&downloader, SIGNAL(failed(int, const QString&)), SLOT(OnFailed(int, const
- * QString&))); downloader.SetURL("https://example.org/files");
+ *     connect(&downloader, SIGNAL(failed(int, const QString&)),
+ *             SLOT(OnFailed(int, const QString&)));
+ *     downloader.SetURL("https://example.org/files");
  *     downloader.SetDownloadPath(directory);
  *     downloader.SetFiles(files);
  *     downloader.Start();
@@ -46,9 +47,11 @@ public:
 
     /** Base URL; a file's name is appended, with a "/" between them. */
     virtual void SetURL(const QString& url);
+    /** The base URL as set. */
     virtual QString URL() const;
     /** Directory that receives the files; made when missing. */
     virtual void SetDownloadPath(const QString& path);
+    /** The directory as set. */
     virtual QString DownloadPath() const;
     /**
      * Limits how many transfers run at the same time.
@@ -56,9 +59,11 @@ public:
      * Running transfers keep going; the new limit counts from the next start.
      */
     virtual void SetMaxDownloads(unsigned int count);
+    /** The limit; the default one after a value out of range. */
     virtual unsigned int MaxDownloads() const;
     /** Files to fetch, in this order. Counts from the next Start(). */
     virtual void SetFiles(const updater::FileList& files);
+    /** The files as set. */
     virtual const updater::FileList& GetFiles() const;
     /** Starts fetching; always true. With an empty list nothing starts and no signal follows. */
     Q_INVOKABLE virtual bool Start();

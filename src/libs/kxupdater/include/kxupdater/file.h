@@ -22,7 +22,9 @@ public:
     /** See the getters for the form of each argument; note their order. */
     File(const QString& name, const QString& md5, quint64 size, const QString& permissions,
          const QString& symlinkPath);
+    /** A copy of `other`. */
     File(const File& other);
+    /** Becomes a copy of `other`. */
     File& operator=(const File& other);
     ~File();
 

@@ -38,6 +38,7 @@ public:
 
     /** Root of the next scan; a running one keeps the root it has. */
     void SetPath(const QString& path);
+    /** Root of the next scan. */
     QString Path() const;
 
     /** Result of the last successful scan, in the order of the file system; empty after a new

@@ -9,6 +9,7 @@ QT_BEGIN_NAMESPACE
 class QNetworkAccessManager;
 QT_END_NAMESPACE
 
+/** The updater and its parts. */
 namespace updater {
 
 /**
@@ -63,9 +64,11 @@ public:
     /** Directory in which the new version is assembled; absolute, on any volume, best empty: what
      * does not belong to the new version fails its verification. Made when missing. */
     virtual void SetDownloadPath(const QString& path) = 0;
+    /** The download directory as set. */
     virtual QString DownloadPath() const = 0;
     /** Version of the installed application; any text. */
     virtual void SetCurrentVersion(const QString& version) = 0;
+    /** The installed version as set. */
     virtual QString CurrentVersion() const = 0;
     /** Version that the server reported in the last check; empty before. */
     virtual QString ServerVersion() const = 0;
@@ -75,16 +78,20 @@ public:
     /** Seconds from entering WAITING until a check starts by itself; default 2592000 (30 days). At
      * most 2147483647 ms are waited; a negative value leaves automatic checks off. */
     virtual void SetCheckInterval(int seconds) = 0;
+    /** The interval as set, in seconds. */
     virtual int CheckInterval() const = 0;
     /** Name of the package on the server. */
     virtual void SetPackageName(const QString& name) = 0;
+    /** The name as set. */
     virtual QString PackageName() const = 0;
     /** Directory of the installed application; absolute. It is replaced whole by an install; the
      * same path with ".old" appended is the backup's and is removed. */
     virtual void SetLocalPackagePath(const QString& path) = 0;
+    /** The application directory as set. */
     virtual QString LocalPackagePath() const = 0;
     /** Called during an install, see AppCallbackFunction; not owned, null for none. */
     virtual void SetAppCallback(updater::AppCallbackFunction* callback) = 0;
+    /** The callback as set; null for none. */
     virtual updater::AppCallbackFunction* AppCallback() const = 0;
     /** Path of the new version's program inside the download directory. The name is the server's:
      * check it before running it. */

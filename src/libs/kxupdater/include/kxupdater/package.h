@@ -49,6 +49,7 @@ public:
 
     /** Name of the package in the URL and in the manifest; compared letter by letter. */
     virtual void SetName(const QString& name);
+    /** The name as set. */
     virtual QString Name() const;
     /** Version that the server reported last; empty before. */
     virtual QString VersionString() const;

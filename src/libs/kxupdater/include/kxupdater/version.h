@@ -51,6 +51,7 @@ public:
     virtual QString URL() const;
     /** Base URL; "/version.xml" is appended. */
     virtual void SetURL(const QString& url);
+    /** The name as set. */
     virtual QString PackageName() const;
     /** Kept for the caller; takes no part in the request. */
     virtual void SetPackageName(const QString& name);
