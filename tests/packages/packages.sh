@@ -68,9 +68,11 @@ for name in "${names[@]}"; do
         grep -q " ./usr/share/doc/$name/$file$" "$work/contents" || fail "$name has no $file"
     done
 done
-for file in docs/integration.md docs/states.svg README.md examples/consumer-cmake/CMakeLists.txt; do
-    contents kxupdater-doc | grep -q "/usr/share/doc/kxupdater/$file$" ||
-        fail "kxupdater-doc has no $file"
+documents=(docs/integration.md docs/states.svg README.md examples/consumer-cmake/CMakeLists.txt)
+[ ! -d "$build/docs/api/html" ] || documents+=(api/html/index.html)
+contents kxupdater-doc >"$work/contents"
+for file in "${documents[@]}"; do
+    grep -q "/usr/share/doc/kxupdater/$file$" "$work/contents" || fail "kxupdater-doc has no $file"
 done
 
 root=$work/root
@@ -87,7 +89,8 @@ done
     "$CMAKE_COMMAND" --build "$work/consumer" >>"$work/consumer.log" 2>&1 ||
     fail "the example host was not built:" "$(cat "$work/consumer.log")"
 export LD_LIBRARY_PATH=$libdir
-timeout 60 "$work/consumer/consumer" | grep -q "waits for commands" || fail "the example host failed"
+output=$(timeout 60 "$work/consumer/consumer" 2>&1) || fail "the example host failed:" "$output"
+[[ $output == *"waits for commands"* ]] || fail "the example host said:" "$output"
 for tool in kxupdate kxpublish; do
     "$root/usr/bin/$tool" --version >/dev/null || fail "$tool --version failed"
 done
