@@ -68,6 +68,12 @@ for name in "${names[@]}"; do
         grep -q " ./usr/share/doc/$name/$file$" "$work/contents" || fail "$name has no $file"
     done
 done
+contents kxupdater-tools >"$work/contents"
+for tool in kxpublish kxupdate; do
+    for file in man/man1/$tool.1.gz bash-completion/completions/$tool zsh/vendor-completions/_$tool; do
+        grep -q "/usr/share/$file$" "$work/contents" || fail "kxupdater-tools has no $file"
+    done
+done
 documents=(docs/integration.md docs/states.svg README.md examples/consumer-cmake/CMakeLists.txt)
 [ ! -d "$build/docs/api/html" ] || documents+=(api/html/index.html)
 contents kxupdater-doc >"$work/contents"
