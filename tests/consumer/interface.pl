@@ -55,11 +55,19 @@ for my $library (@libraries) {
     my %names;
     for (lines_of("nm", "-D", "--defined-only", "$prefix/$libdir/lib$library.so")) {
         my ($type, $name) = /^[0-9a-f]* *([A-Za-z]) (\S+)$/ or die "interface: nm said '$_'\n";
-        $names{$name} = 1;
+        $names{$name} = $type;
     }
     my @sorted = sort keys %names;
     my $texts = demangled(@sorted);
+    my %classes_with_code;
     for my $name (@sorted) {
+        $classes_with_code{$1} = 1 if $names{$name} eq "T" and $texts->{$name} =~ /^(\S+)::~?\w+\(/;
+    }
+    for my $name (@sorted) {
+        # A class of inline operations alone has its table in each program that needs one; whether
+        # here too is the optimiser's choice.
+        next if $texts->{$name} =~ /^(?:vtable|typeinfo(?: name)?) for (.*)$/
+            and not $classes_with_code{$1};
         push @symbols, "symbol $library $name # $texts->{$name}";
         push @classes, $1 if $texts->{$name} =~ /^(.*)::staticMetaObject$/;
     }
