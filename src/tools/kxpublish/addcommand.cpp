@@ -4,12 +4,11 @@
 #include "disk.h"
 #include "interrupt.h"
 #include "names.h"
+#include "parallel.h"
 #include "releasenotes.h"
 
 #include <QCryptographicHash>
 #include <QFileInfo>
-
-#include <algorithm>
 
 namespace publish {
 namespace {
@@ -41,7 +40,7 @@ ExitStatus AddCommand::Run()
     CheckNotes();
     TreeContents contents;
     if (QFileInfo(settings.tree).isDir()) {
-        contents = CheckTree(problems);
+        contents = CheckTree();
         CheckExecutable(contents);
     }
     if (!problems.IsEmpty())
@@ -50,14 +49,14 @@ ExitStatus AddCommand::Run()
     return Publish(contents);
 }
 
-TreeContents AddCommand::CheckTree(Problems& found)
+TreeContents AddCommand::CheckTree()
 {
     // With a bad address no name would be good, and the real problems would drown.
     const bool hasAddress =
         IsPublishable(settings.build) && BaseUrlProblem(settings.baseUrl).isEmpty();
     TreeCheck check(settings.tree,
                     hasAddress ? manifest.downloadUrl : QStringLiteral("http://localhost"),
-                    server.FilesPath(settings.build), settings.excludes, &found, &progress);
+                    server.FilesPath(settings.build), settings.excludes, &problems, &progress);
     check.Run();
     return check.Contents();
 }
@@ -168,14 +167,9 @@ ExitStatus AddCommand::Publish(const TreeContents& contents)
     }
     FillManifest(contents, copy.Digests());
     const QByteArray text = WriteManifest(manifest);
-    const QString problem = ManifestProblem(manifest, text);
-    if (!problem.isEmpty())
-        problems.Refuse(Shown(settings.tree), problem);
     if (!settings.dryRun && !WriteBuild(text, error))
         return Fail(error);
-    // At the very end: nothing may have come, gone or changed since the tree was listed.
-    if (problems.IsEmpty())
-        CompareWithListing(contents);
+    CheckAtTheEnd(contents, text);
     if (!problems.IsEmpty())
         return Refuse();
     if (IsInterrupted())
@@ -190,21 +184,25 @@ ExitStatus AddCommand::Publish(const TreeContents& contents)
 void AddCommand::FillManifest(const TreeContents& contents,
                               const QMap<QString, QByteArray>& digests)
 {
-    for (auto file = contents.files.begin(); file != contents.files.end(); ++file)
-        manifest.files.append(updater::File(
-            file.key(), QString::fromLatin1(digests.value(file.key())), file.value().status.size,
-            PermissionText(file.value().status.mode, false), QString()));
-    for (auto link = contents.links.begin(); link != contents.links.end(); ++link) {
-        const QString& target = link.value();
-        const QByteArray digest =
-            QCryptographicHash::hash(target.toUtf8(), QCryptographicHash::Md5).toHex();
-        manifest.files.append(updater::File(link.key(), QString::fromLatin1(digest),
-                                            quint64(target.size()), PermissionText(0, true),
-                                            target));
+    // Both are sorted by code units: the same order on every machine, whatever its language.
+    auto link = contents.links.begin();
+    const auto appendLinksBefore = [&](const QString* name) {
+        for (; link != contents.links.end() && (!name || link.key() < *name); ++link) {
+            const QByteArray digest =
+                QCryptographicHash::hash(link.value().toUtf8(), QCryptographicHash::Md5).toHex();
+            manifest.files.append(updater::File(link.key(), QString::fromLatin1(digest),
+                                                quint64(link.value().size()),
+                                                PermissionText(0, true), link.value()));
+        }
+    };
+    for (auto file = contents.files.begin(); file != contents.files.end(); ++file) {
+        appendLinksBefore(&file.key());
+        const FileStatus& status = file.value().status;
+        manifest.files.append(
+            updater::File(file.key(), QString::fromLatin1(digests.value(file.key())), status.size,
+                          PermissionText(status.mode, false), QString()));
     }
-    // By code units: the same order on every machine, whatever its language.
-    std::sort(manifest.files.begin(), manifest.files.end(),
-              [](const updater::File& a, const updater::File& b) { return a.Name() < b.Name(); });
+    appendLinksBefore(nullptr);
 }
 
 bool AddCommand::WriteBuild(const QByteArray& text, QString& error)
@@ -214,13 +212,35 @@ bool AddCommand::WriteBuild(const QByteArray& text, QString& error)
            WriteNewFile(staged + QStringLiteral("/index.xml"), text, error) && Sync(staged, error);
 }
 
-void AddCommand::CompareWithListing(const TreeContents& before)
+void AddCommand::CheckAtTheEnd(const TreeContents& contents, const QByteArray& text)
 {
-    Problems found;
-    const TreeContents now = CheckTree(found);
-    problems.AddProblems(found);
-    const auto refuse = [this](const QString& name, const char* reason) {
-        problems.Refuse(Shown(name), QLatin1String(reason));
+    QString manifestProblem;
+    Problems changes;
+    const auto check = [&](int, qsizetype index) {
+        if (index == 0)
+            manifestProblem = ManifestProblem(manifest, text);
+        else
+            CompareWithListing(contents, changes);
+        return true;
+    };
+    // Each takes as long as half of the copies when the files are small.
+    ForEach(2, check, [] {});
+    if (!manifestProblem.isEmpty())
+        problems.Refuse(Shown(settings.tree), manifestProblem);
+    problems.AddProblems(changes);
+}
+
+// Nothing may have come, gone or changed since the tree was listed. What is listed now has been
+// checked as well: what is wrong with a new entry is said already.
+void AddCommand::CompareWithListing(const TreeContents& before, Problems& found) const
+{
+    ProgressMeter silent(nullptr);
+    TreeCheck check(settings.tree, manifest.downloadUrl, server.FilesPath(settings.build),
+                    settings.excludes, &found, &silent);
+    check.RunAgain();
+    const TreeContents& now = check.Contents();
+    const auto refuse = [&found](const QString& name, const char* reason) {
+        found.Refuse(Shown(name), QLatin1String(reason));
     };
     for (auto file = before.files.begin(); file != before.files.end(); ++file) {
         const auto other = now.files.find(file.key());

@@ -46,9 +46,10 @@ private:
     void CheckPlaces();
     void CheckNotTaken();
     void CheckNotes();
-    TreeContents CheckTree(Problems& found);
+    TreeContents CheckTree();
     void CheckExecutable(const TreeContents& contents);
-    void CompareWithListing(const TreeContents& before);
+    void CheckAtTheEnd(const TreeContents& contents, const QByteArray& text);
+    void CompareWithListing(const TreeContents& before, Problems& found) const;
     ExitStatus Publish(const TreeContents& contents);
     void FillManifest(const TreeContents& contents, const QMap<QString, QByteArray>& digests);
     bool WriteBuild(const QByteArray& text, QString& error);

@@ -54,6 +54,9 @@ bool OpenRegularFile(QFile& file, const QString& path, int& mode, QString& error
 /** The status of a file that OpenRegularFile() has opened; false when the system does not tell. */
 bool ReadStatus(const QFile& file, FileStatus& status);
 
+/** The same of the regular file `path`; false when it is none, a link included. */
+bool ReadStatus(const QString& path, FileStatus& status);
+
 /** Brings the file or the directory `path` to the disk. */
 bool SyncPath(const QString& path, QString& error);
 

@@ -146,6 +146,15 @@ bool ReadStatus(const QFile& file, FileStatus& status)
     return true;
 }
 
+bool ReadStatus(const QString& path, FileStatus& status)
+{
+    struct stat found;
+    if (::lstat(QFile::encodeName(path).constData(), &found) != 0 || !S_ISREG(found.st_mode))
+        return false;
+    status = StatusOf(found);
+    return true;
+}
+
 bool SyncPath(const QString& path, QString& error)
 {
     const int descriptor = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);

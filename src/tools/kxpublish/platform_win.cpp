@@ -88,6 +88,13 @@ bool ReadStatus(const QFile& file, FileStatus& status)
     return true;
 }
 
+bool ReadStatus(const QString& path, FileStatus& status)
+{
+    const QFileInfo info(path);
+    status = StatusOf(info);
+    return info.isFile() && !info.isSymLink();
+}
+
 bool SyncPath(const QString& path, QString& error)
 {
     // Directories have no buffers of their own here.

@@ -26,6 +26,11 @@ QString Folded(const QString& text)
     return folded;
 }
 
+bool IsAscii(const QString& text)
+{
+    return std::all_of(text.begin(), text.end(), [](QChar c) { return c.unicode() < 0x80; });
+}
+
 } // namespace
 
 QString JoinPath(const QString& directory, const QString& name)
@@ -52,6 +57,12 @@ TreeCheck::TreeCheck(const QString& root, const QString& baseUrl, const QString&
       problems(problems),
       progress(progress)
 {
+}
+
+void TreeCheck::RunAgain()
+{
+    opens = false;
+    Run();
 }
 
 void TreeCheck::Run()
@@ -226,7 +237,10 @@ void TreeCheck::CheckSiblings(const QList<TreeEntry>& entries, const QString& di
         if (entry.name.isEmpty())
             continue;
         const QString decomposed = entry.name.normalized(QString::NormalizationForm_D);
-        const QString key = Folded(decomposed).normalized(QString::NormalizationForm_D);
+        // Qt is quick to see that ASCII is normalised, and slow to fold it letter by letter.
+        const QString key = IsAscii(decomposed)
+                                ? decomposed.toLower()
+                                : Folded(decomposed).normalized(QString::NormalizationForm_D);
         const auto other = seen.constFind(key);
         if (other == seen.constEnd()) {
             seen.insert(key, entry.name);
@@ -254,7 +268,7 @@ void TreeCheck::CheckFile(const TreeEntry& entry, const QString& name)
     QFile file;
     int mode = 0;
     QString error;
-    if (!OpenRegularFile(file, JoinPath(root, name), mode, error))
+    if (opens && !OpenRegularFile(file, JoinPath(root, name), mode, error))
         problems->Refuse(Shown(name), QStringLiteral("cannot be read: ") + error);
 }
 

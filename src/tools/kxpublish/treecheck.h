@@ -51,6 +51,8 @@ public:
 
     /** Lists the tree and collects its problems. */
     void Run();
+    /** Run() for a tree whose files have been read since it was listed first: opens none. */
+    void RunAgain();
     /** Complete only when there are no problems. */
     const TreeContents& Contents() const;
 
@@ -73,6 +75,7 @@ private:
     ProgressMeter* progress;
     IgnoreRules rules;
     TreeContents contents;
+    bool opens = true;
 };
 
 /** Path of the entry `name` of `directory`; the root's path is empty. */

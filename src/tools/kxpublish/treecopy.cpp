@@ -185,39 +185,27 @@ TreeCopy::Try TreeCopy::TryPlace(Item& item, const PublishedFiles::Place& place,
         item.warnings.append(Shown(place.Path()) + QStringLiteral(": ") + reason);
         return Try::Next;
     };
-    const QString violation = common::PathGuard::Violation(place.root, place.name);
-    if (!violation.isEmpty())
-        return passOver(QStringLiteral("is not linked to: ") + violation);
-    const QString path = place.Path();
-    const QString copy = IsDry() ? path : CopyPath(item);
-    if (QFileInfo(path).isSymLink())
-        return passOver(QStringLiteral("is not linked to: not a regular file"));
+    const QString problem = PlaceProblem(item, place);
+    if (!problem.isEmpty())
+        return passOver(QStringLiteral("is not linked to: ") + problem);
+    const QString copy = IsDry() ? place.Path() : CopyPath(item);
     std::error_code code;
     if (!IsDry())
-        std::filesystem::create_hard_link(QFileInfo(path).filesystemFilePath(),
+        std::filesystem::create_hard_link(QFileInfo(place.Path()).filesystemFilePath(),
                                           QFileInfo(copy).filesystemFilePath(), code);
     if (code == std::errc::too_many_links)
         return Try::Next;
-    if (code && code != std::errc::no_such_file_or_directory) {
-        item.linkError = Shown(path) +
-                         QStringLiteral(": cannot be linked to, so equal files are "
-                                        "copied: ") +
+    if (code) {
+        item.linkError = Shown(place.Path()) +
+                         QStringLiteral(": cannot be linked to, so equal files are copied: ") +
                          QString::fromLocal8Bit(code.message().c_str());
         return Try::NoLinks;
     }
     // Looked at by its new name: whatever becomes of the old one, this is what is published.
     QFile linked;
-    QString reason;
     int mode = 0;
-    if (!OpenRegularFile(linked, copy, mode, reason)) {
-        if (!IsDry())
-            QFile::remove(copy);
-        return passOver(QStringLiteral("is not linked to: ") +
-                        (code ? QString::fromLocal8Bit(code.message().c_str()) : reason));
-    }
-    const bool readable = IsDry() || (freshMode & 0444 & ~mode) == 0;
-    const bool isSafe = IsDry() || (mode & 0222 & ~freshMode) == 0;
-    if (readable && isSafe) {
+    QString reason;
+    if (OpenRegularFile(linked, copy, mode, reason)) {
         item.result = Reader(item, buffers).CompareWith(linked);
         if (item.result.kind == ReadResult::Good)
             return Try::Linked;
@@ -225,16 +213,33 @@ TreeCopy::Try TreeCopy::TryPlace(Item& item, const PublishedFiles::Place& place,
             return Try::Ended;
         item.result = {};
         reason = DifferenceText(linked, item.digest, item.name);
-    } else {
-        reason = readable ? QStringLiteral("is not linked to: others may write to it")
-                          : QStringLiteral("is not linked to: a web server may not read it");
+        linked.close();
     }
-    linked.close();
     if (!IsDry() && !QFile::remove(copy)) {
         item.result = {ReadResult::Failed, QStringLiteral("cannot remove ") + Shown(copy), {}};
         return Try::Ended;
     }
     return passOver(reason);
+}
+
+// Why a published file may not be linked to, whatever it holds.
+QString TreeCopy::PlaceProblem(const Item& item, const PublishedFiles::Place& place) const
+{
+    const QString violation = common::PathGuard::Violation(place.root, place.name);
+    if (!violation.isEmpty())
+        return violation;
+    FileStatus status;
+    if (!ReadStatus(place.Path(), status))
+        return QStringLiteral("there is no regular file");
+    const FileStatus& own = item.file.status;
+    if (own.inode != 0 && own.inode == status.inode && own.device == status.device)
+        return QStringLiteral("it is one file with %1 of the tree, where it may be written to")
+            .arg(Shown(item.name));
+    if (!IsDry() && (freshMode & 0444 & ~status.mode) != 0)
+        return QStringLiteral("a web server may not read it");
+    if (!IsDry() && (status.mode & 0222 & ~freshMode) != 0)
+        return QStringLiteral("others may write to it");
+    return {};
 }
 
 void TreeCopy::CopyHashed(Item& item, ReadBuffers& buffers)

@@ -80,6 +80,7 @@ private:
     void CompareWithCopy(Item& item, ReadBuffers& buffers);
     bool Link(Item& item, ReadBuffers& buffers);
     Try TryPlace(Item& item, const PublishedFiles::Place& place, ReadBuffers& buffers);
+    QString PlaceProblem(const Item& item, const PublishedFiles::Place& place) const;
     void CopyHashed(Item& item, ReadBuffers& buffers);
     FileReader Reader(const Item& item, ReadBuffers& buffers) const;
     QString CopyPath(const Item& item) const;
