@@ -216,15 +216,11 @@ void AddCommand::CheckAtTheEnd(const TreeContents& contents, const QByteArray& t
 {
     QString manifestProblem;
     Problems changes;
-    const auto check = [&](int, qsizetype index) {
-        if (index == 0)
-            manifestProblem = ManifestProblem(manifest, text);
-        else
-            CompareWithListing(contents, changes);
-        return true;
-    };
-    // Each takes as long as half of the copies when the files are small.
-    ForEach(2, check, [] {});
+    // Each takes as long as half of the copies when the files are small. The reading of the
+    // manifest allocates so much that the first thread, which the C library serves best, is the one
+    // for it.
+    RunBoth([&] { CompareWithListing(contents, changes); },
+            [&] { manifestProblem = ManifestProblem(manifest, text); });
     if (!manifestProblem.isEmpty())
         problems.Refuse(Shown(settings.tree), manifestProblem);
     problems.AddProblems(changes);
@@ -237,7 +233,7 @@ void AddCommand::CompareWithListing(const TreeContents& before, Problems& found)
     ProgressMeter silent(nullptr);
     TreeCheck check(settings.tree, manifest.downloadUrl, server.FilesPath(settings.build),
                     settings.excludes, &found, &silent);
-    check.RunAgain();
+    check.Run();
     const TreeContents& now = check.Contents();
     const auto refuse = [&found](const QString& name, const char* reason) {
         found.Refuse(Shown(name), QLatin1String(reason));

@@ -71,4 +71,17 @@ void ForEach(qsizetype count, const std::function<bool(int, qsizetype)>& job,
         thread.join();
 }
 
+void RunBoth(const std::function<void()>& aside, const std::function<void()>& here)
+{
+    std::thread thread;
+    try {
+        thread = std::thread(aside);
+    } catch (const std::system_error&) {
+        aside();
+    }
+    here();
+    if (thread.joinable())
+        thread.join();
+}
+
 } // namespace publish

@@ -20,4 +20,7 @@ int WorkerCount(qsizetype count);
 void ForEach(qsizetype count, const std::function<bool(int worker, qsizetype index)>& job,
              const std::function<void()>& tick);
 
+/** Calls `aside` in a thread and `here` in this one, and returns when both are done. */
+void RunBoth(const std::function<void()>& aside, const std::function<void()>& here);
+
 } // namespace publish

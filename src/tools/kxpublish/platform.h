@@ -51,6 +51,10 @@ QByteArray ReadLink(const QString& path);
  */
 bool OpenRegularFile(QFile& file, const QString& path, int& mode, QString& error);
 
+/** True when this process may read the file `path`, as far as modes tell; quicker than opening it.
+ */
+bool CanRead(const QString& path, QString& error);
+
 /** The status of a file that OpenRegularFile() has opened; false when the system does not tell. */
 bool ReadStatus(const QFile& file, FileStatus& status);
 

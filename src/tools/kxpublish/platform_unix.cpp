@@ -137,6 +137,14 @@ bool OpenRegularFile(QFile& file, const QString& path, int& mode, QString& error
     return true;
 }
 
+bool CanRead(const QString& path, QString& error)
+{
+    if (::faccessat(AT_FDCWD, QFile::encodeName(path).constData(), R_OK, AT_EACCESS) == 0)
+        return true;
+    error = SystemText(errno);
+    return false;
+}
+
 bool ReadStatus(const QFile& file, FileStatus& status)
 {
     struct stat found;

@@ -82,6 +82,13 @@ bool OpenRegularFile(QFile& file, const QString& path, int& mode, QString& error
     return true;
 }
 
+bool CanRead(const QString& path, QString& error)
+{
+    QFile file;
+    int mode = 0;
+    return OpenRegularFile(file, path, mode, error);
+}
+
 bool ReadStatus(const QFile& file, FileStatus& status)
 {
     status = StatusOf(QFileInfo(file.fileName()));

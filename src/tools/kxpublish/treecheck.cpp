@@ -59,12 +59,6 @@ TreeCheck::TreeCheck(const QString& root, const QString& baseUrl, const QString&
 {
 }
 
-void TreeCheck::RunAgain()
-{
-    opens = false;
-    Run();
-}
-
 void TreeCheck::Run()
 {
     progress->Begin(Progress::Checking, 0, 0);
@@ -265,10 +259,8 @@ void TreeCheck::CheckFile(const TreeEntry& entry, const QString& name)
         problems->Refuse(Shown(name), QStringLiteral("its owner may not read it"));
         return;
     }
-    QFile file;
-    int mode = 0;
     QString error;
-    if (opens && !OpenRegularFile(file, JoinPath(root, name), mode, error))
+    if (!CanRead(JoinPath(root, name), error))
         problems->Refuse(Shown(name), QStringLiteral("cannot be read: ") + error);
 }
 

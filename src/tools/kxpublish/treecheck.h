@@ -51,8 +51,6 @@ public:
 
     /** Lists the tree and collects its problems. */
     void Run();
-    /** Run() for a tree whose files have been read since it was listed first: opens none. */
-    void RunAgain();
     /** Complete only when there are no problems. */
     const TreeContents& Contents() const;
 
@@ -75,7 +73,6 @@ private:
     ProgressMeter* progress;
     IgnoreRules rules;
     TreeContents contents;
-    bool opens = true;
 };
 
 /** Path of the entry `name` of `directory`; the root's path is empty. */
