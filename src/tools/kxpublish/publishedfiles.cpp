@@ -15,43 +15,55 @@ namespace publish {
 // For each content: enough to pass over damaged files and those with too many names already.
 static constexpr qsizetype maxPlaces = 4;
 static constexpr qsizetype digestSize = 16;
+static constexpr qsizetype atATime = 8;
 
 void PublishedFiles::Read(const ServerTree& server, const QSet<quint64>& sizes, Problems* problems)
 {
-    const QList<Build> builds = server.Builds();
-    std::vector<QList<Found>> found(size_t(builds.size()));
-    std::vector<QString> errors(size_t(builds.size()));
-    const auto read = [&](int, qsizetype index) {
-        errors[size_t(index)] =
-            ReadManifest(server.ManifestPath(builds.at(index)), sizes, found[size_t(index)]);
-        return true;
-    };
-    ForEach(builds.size(), read, [] {});
-    // Backwards: the last build of a platform is the one that is kept the longest.
-    for (qsizetype i = builds.size() - 1; i >= 0; --i) {
-        const size_t index = size_t(i);
-        if (!errors[index].isEmpty())
-            problems->Warn(Shown(server.ManifestPath(builds.at(i))),
-                           errors[index] + QStringLiteral("; no file of it is linked to"));
-        const int root = int(roots.size());
-        roots.append(server.FilesPath(builds.at(i)));
-        for (Found& file : found[index]) {
-            publishedSizes.insert(file.size);
-            QList<Record>& places = records[{file.digest, file.size}];
-            if (places.size() < maxPlaces)
-                places.append({root, std::move(file.name)});
+    // Backwards: the last build of a platform is the one that is kept the longest. A few at a time:
+    // only what is merged is needed for long.
+    QList<Build> builds = server.Builds();
+    while (!builds.isEmpty()) {
+        QList<Build> batch;
+        while (!builds.isEmpty() && batch.size() < atATime)
+            batch.append(builds.takeLast());
+        std::vector<Contents> contents(size_t(batch.size()));
+        const auto read = [&](int, qsizetype index) {
+            ReadManifest(server.ManifestPath(batch.at(index)), sizes, contents[size_t(index)]);
+            return true;
+        };
+        ForEach(batch.size(), read, [] {});
+        for (qsizetype i = 0; i < batch.size(); ++i) {
+            const QString& error = contents[size_t(i)].error;
+            if (!error.isEmpty())
+                problems->Warn(Shown(server.ManifestPath(batch.at(i))),
+                               error + QStringLiteral("; no file of it is linked to"));
+            else
+                Merge(server.FilesPath(batch.at(i)), contents[size_t(i)]);
         }
-        found[index].clear();
+    }
+}
+
+void PublishedFiles::Merge(const QString& root, Contents& contents)
+{
+    const int number = int(roots.size());
+    roots.append(root);
+    for (Found& file : contents.files) {
+        publishedSizes.insert(file.size);
+        QList<Record>& places = records[{file.digest, file.size}];
+        if (places.size() < maxPlaces)
+            places.append({number, std::move(file.name)});
     }
 }
 
 // The reader of the clients needs twenty times the memory, and would keep all of it.
-QString PublishedFiles::ReadManifest(const QString& path, const QSet<quint64>& sizes,
-                                     QList<Found>& found)
+void PublishedFiles::ReadManifest(const QString& path, const QSet<quint64>& sizes,
+                                  Contents& contents)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return QStringLiteral("cannot be read: ") + file.errorString();
+    if (!file.open(QIODevice::ReadOnly)) {
+        contents.error = QStringLiteral("cannot be read: ") + file.errorString();
+        return;
+    }
     QXmlStreamReader xml(&file);
     while (!xml.atEnd()) {
         if (xml.readNext() != QXmlStreamReader::StartElement || xml.name() != QLatin1String("file"))
@@ -63,9 +75,11 @@ QString PublishedFiles::ReadManifest(const QString& path, const QSet<quint64>& s
         const QByteArray digest =
             QByteArray::fromHex(attributes.value(QLatin1String("md5")).toLatin1());
         if (digest.size() == digestSize)
-            found.append({digest, size, attributes.value(QLatin1String("name")).toString()});
+            contents.files.append(
+                {digest, size, attributes.value(QLatin1String("name")).toString()});
     }
-    return xml.hasError() ? QStringLiteral("not a manifest") : QString();
+    if (xml.hasError())
+        contents.error = QStringLiteral("not a manifest");
 }
 
 bool PublishedFiles::HasSize(quint64 size) const

@@ -55,8 +55,14 @@ private:
         QString name;
     };
 
-    static QString ReadManifest(const QString& path, const QSet<quint64>& sizes,
-                                QList<Found>& found);
+    struct Contents
+    {
+        QList<Found> files;
+        QString error;
+    };
+
+    static void ReadManifest(const QString& path, const QSet<quint64>& sizes, Contents& contents);
+    void Merge(const QString& root, Contents& contents);
 
     QList<QString> roots;
     QHash<std::pair<QByteArray, quint64>, QList<Record>> records; // by digest and size
