@@ -1,11 +1,12 @@
 // Preloaded into the program under test: counts its calls that change the disk, in KX_CALL_COUNT's
 // file, or ends it without a word at call number KX_KILL_AT, before the call or, with
-// KX_KILL_AFTER, after it. KX_LINK_ERROR is the error of every hard link.
+// KX_KILL_AFTER, after it. KX_LINK_ERROR is the error of every hard link; KX_SPOIL a text that
+// reaches no file whole.
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
+#include <string>
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -49,7 +50,13 @@ auto Call(const char* name, Arguments... arguments)
 
 KX_EXPORT ssize_t write(int descriptor, const void* data, size_t size)
 {
-    return Call<ssize_t (*)(int, const void*, size_t)>("write", descriptor, data, size);
+    const char* spoilt = std::getenv("KX_SPOIL");
+    std::string bytes(static_cast<const char*>(data), size);
+    const size_t place = spoilt ? bytes.find(spoilt) : std::string::npos;
+    if (place != std::string::npos)
+        bytes[place] = '\0';
+    return Call<ssize_t (*)(int, const void*, size_t)>(
+        "write", descriptor, static_cast<const void*>(bytes.data()), size);
 }
 
 KX_EXPORT int rename(const char* from, const char* to) noexcept

@@ -69,6 +69,7 @@ private Q_SLOTS:
     void KilledAddShowsTheVersionBeforeAndNextRunFinishes_data();
     void KilledAddShowsTheVersionBeforeAndNextRunFinishes();
     void KilledPromoteShowsOneVersionOrTheOther();
+    void CopyOfAYoungFileIsCompared();
 
 private:
     PublishResult RunWith(const QStringList& arguments,
@@ -201,6 +202,19 @@ void TestKxpublishKills::KilledPromoteShowsOneVersionOrTheOther()
         QCOMPARE(Offered(), after);
     }
     QCOMPARE(seen.size(), 2);
+}
+
+// A file that was written a moment ago could be written again without a trace in its times.
+void TestKxpublishKills::CopyOfAYoungFileIsCompared()
+{
+    tree->File(S("data/young"), "a text of its own");
+    const QStringList before = Snapshot(server);
+    const PublishResult result = RunWith(arguments, {{S("KX_SPOIL"), S("text of its own")}});
+    QCOMPARE(result.err, QStringList({S("'data/young': changed while it was published: it was "
+                                        "written to or replaced"),
+                                      S("refused, 1 problem")}));
+    QCOMPARE(result.status, 1);
+    QCOMPARE(Snapshot(server), before);
 }
 
 QTEST_GUILESS_MAIN(TestKxpublishKills)

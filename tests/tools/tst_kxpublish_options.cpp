@@ -96,7 +96,7 @@ void TestKxpublishOptions::LeftOutIsNotPublished_data()
         QTest::newRow(name) << root << lib << options << published;
     };
     const QStringList all = {S("app"),      S("app.debug"),      S("doc/a.txt"), S("doc/b.txt"),
-                             S("lib/a.so"), S("lib/a.so.debug"), S("lib/t/x")};
+                             S("lib/a.so"), S("lib/a.so.debug"), S("lib/t/x"),   S("zed/x.debug")};
     row("nothing", "", "", {}, all);
     row("by an option", "", "", {S("*.debug")},
         {S("app"), S("doc/a.txt"), S("doc/b.txt"), S("lib/a.so"), S("lib/t/x")});
@@ -105,7 +105,8 @@ void TestKxpublishOptions::LeftOutIsNotPublished_data()
     row("by the file of the root", "# symbols\n*.debug\n/doc/*\n!b.txt\n", "", {},
         {S("app"), S("doc/b.txt"), S("lib/a.so"), S("lib/t/x")});
     row("by the file of a directory", "", "/t\n*.debug\n", {},
-        {S("app"), S("app.debug"), S("doc/a.txt"), S("doc/b.txt"), S("lib/a.so")});
+        {S("app"), S("app.debug"), S("doc/a.txt"), S("doc/b.txt"), S("lib/a.so"),
+         S("zed/x.debug")});
     row("option behind the file of the root", "*.debug\n", "", {S("!app.debug")},
         {S("app"), S("app.debug"), S("doc/a.txt"), S("doc/b.txt"), S("lib/a.so"), S("lib/t/x")});
     row("file of a directory behind the options", "", "!*.debug\n", {S("*.debug")},
@@ -119,8 +120,8 @@ void TestKxpublishOptions::LeftOutIsNotPublished()
     QFETCH(QByteArray, libRules);
     QFETCH(QStringList, options);
     QFETCH(QStringList, published);
-    for (const char* name :
-         {"app.debug", "doc/a.txt", "doc/b.txt", "lib/a.so", "lib/a.so.debug", "lib/t/x"})
+    for (const char* name : {"app.debug", "doc/a.txt", "doc/b.txt", "lib/a.so", "lib/a.so.debug",
+                             "lib/t/x", "zed/x.debug"})
         tree->File(S(name), name);
     tree->File(S(".kxpublishignore"), rootRules).File(S("lib/.kxpublishignore"), libRules);
     QStringList words = arguments;
