@@ -78,6 +78,16 @@ KX_EXPORT int unlink(const char* path) noexcept
     return Call<int (*)(const char*)>("unlink", path);
 }
 
+KX_EXPORT int unlinkat(int directory, const char* path, int flags) noexcept
+{
+    return Call<int (*)(int, const char*, int)>("unlinkat", directory, path, flags);
+}
+
+KX_EXPORT int remove(const char* path) noexcept
+{
+    return Call<int (*)(const char*)>("remove", path);
+}
+
 KX_EXPORT int mkdir(const char* path, mode_t mode) noexcept
 {
     return Call<int (*)(const char*, mode_t)>("mkdir", path, mode);

@@ -29,6 +29,9 @@ void PreparePublish(QProcess& process, const QStringList& arguments,
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
+    // Servers of the tests are on this machine.
+    for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"})
+        environment.remove(QLatin1String(name));
     process.setProcessEnvironment(environment);
     process.setProgram(QStringLiteral(KXPUBLISH));
     process.setArguments(arguments);
