@@ -9,6 +9,7 @@
 #include <kxupdater/build.h>
 
 #include <QNetworkAccessManager>
+#include <QNetworkProxyFactory>
 #include <QTimer>
 #include <QUrl>
 
@@ -55,6 +56,8 @@ VerifySite::VerifySite(const VerifySettings& settings, VerifyResult* result)
     // Either address is at hand: the one that builds are published with, or that of the clients.
     if (!packagesUrl.endsWith(QLatin1String("/packages")))
         packagesUrl += QStringLiteral("/packages");
+    // As clients do that are told nothing else.
+    QNetworkProxyFactory::setUseSystemConfiguration(true);
     transfers.resize(size_t(settings.jobs));
     for (size_t i = 0; i < transfers.size(); ++i) {
         if (i % transfersPerManager == 0)
