@@ -4,6 +4,8 @@
 
 #include <QProcess>
 #include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTest>
 
 #include <functional>
@@ -79,6 +81,7 @@ private Q_SLOTS:
     void NginxThatCachesOrPacksIsWarnedOf();
     void FaultsOfTheNetworkAreFound_data();
     void FaultsOfTheNetworkAreFound();
+    void PhrasesOfAServerAreMadePrintable();
     void LongFileIsNotReadToItsEnd();
     void JobsAreTheTransfersAtATime();
     void BadSettingsAreRefused_data();
@@ -259,9 +262,9 @@ void TestKxpublishVerify::RecordsThatClientsCannotUseAreFound_data()
         "name=\"x\" md5=\"d41d8cd98f00b204e9800998ecf8427e\" size=\"0\" permissions=\"--wx------\"",
         "'x': its owner may not read it");
     row("link out of the tree",
-        "name=\"x\" md5=\"13b7c28d2da5a1ca66ac5d3d8b4fdd05\" size=\"6\" "
+        "name=\"x\" md5=\"a901ef40ac9fd5e18815927dae80b5b2\" size=\"6\" "
         "symlink=\"../etc\"",
-        "'x': ");
+        "'x': the target '../etc' of the link leads out of the tree");
     row("link with the size of another",
         "name=\"x\" md5=\"d2a57dc1d883fd21fb9951699df71cc7\" "
         "size=\"4\" symlink=\"app\"",
@@ -471,7 +474,7 @@ void TestKxpublishVerify::FaultsOfTheNetworkAreFound()
     site.Promote(S("1"));
     change(server);
     const PublishResult result =
-        RunWhileServing({S("verify"), url, S("--name"), S("demo-app"), S("--jobs"), S("2")});
+        RunWhileServing({S("verify"), url, S("--name"), S("demo-app"), S("--jobs"), S("1")});
     const QStringList findings = Findings(result);
     QVERIFY2(findings.size() == expected.size(),
              qPrintable((result.out + result.err).join(QLatin1Char('\n'))));
@@ -486,6 +489,25 @@ void TestKxpublishVerify::FaultsOfTheNetworkAreFound()
     // A bad file does not keep the others from being read.
     if (!expected.isEmpty() && expected.at(0).contains(S("'data'")))
         QVERIFY(result.out.contains(S("files: 3")));
+}
+
+void TestKxpublishVerify::PhrasesOfAServerAreMadePrintable()
+{
+    QTcpServer server;
+    QVERIFY(server.listen(QHostAddress::LocalHost));
+    connect(&server, &QTcpServer::newConnection, this, [&server] {
+        QTcpSocket* socket = server.nextPendingConnection();
+        connect(socket, &QTcpSocket::readyRead, socket, [socket] {
+            socket->write("HTTP/1.1 404 Not\033[2J Found\r\nContent-Length: 0\r\n\r\n");
+            socket->disconnectFromHost();
+        });
+    });
+    const QString url = S("http://127.0.0.1:%1").arg(server.serverPort());
+    const PublishResult result = RunWhileServing({S("verify"), url, S("--name"), S("demo-app")});
+    QCOMPARE(Findings(result), QStringList({S("bad: '%1/packages/version.xml': the server answered "
+                                              "with status 404 (Not\\x1b[2J Found)")
+                                                .arg(url)}));
+    QCOMPARE(result.status, damaged);
 }
 
 void TestKxpublishVerify::LongFileIsNotReadToItsEnd()

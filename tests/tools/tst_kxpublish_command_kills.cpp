@@ -38,7 +38,7 @@ PublishResult RunPreloaded(const QStringList& words, const QString& name, const 
 } // namespace
 
 /** Runs that are killed before each of their calls that change the disk, one after the other. */
-class TestKxpublishKills : public QObject
+class TestKxpublishCommandKills : public QObject
 {
     Q_OBJECT
 
@@ -61,36 +61,38 @@ private:
     std::unique_ptr<kxtest::TreeBuilder> store;
 };
 
-void TestKxpublishKills::init()
+void TestKxpublishCommandKills::init()
 {
     site = std::make_unique<PublishSite>();
     store = std::make_unique<kxtest::TreeBuilder>();
-    for (const char* version : {"1", "2", "3"}) {
+    for (const char* version : {"0", "1", "2", "3"}) {
         site->Tree().Remove(S("app")).File(S("app"), version, 0755);
         site->Add(S(version));
         site->Add(S(version), S("other"));
-        if (*version != '3')
+        // The first one is what prune removes: no rollback would come to it.
+        if (*version == '1' || *version == '2')
             site->Promote(S(version));
     }
     QCOMPARE(QProcess::execute(S("cp"), {S("-a"), site->Server(), store->Path(S("srv"))}), 0);
 }
 
-void TestKxpublishKills::Restore()
+void TestKxpublishCommandKills::Restore()
 {
     kxtest::Remove(site->Server());
     QCOMPARE(QProcess::execute(S("cp"), {S("-a"), store->Path(S("srv")), site->Server()}), 0);
 }
 
 // Each build is there whole or not at all, and the offered version can be had.
-void TestKxpublishKills::ExpectWhole()
+void TestKxpublishCommandKills::ExpectWhole()
 {
     const PublishResult result = site->Run(S("verify"));
     QCOMPARE(result.out.constLast(), S("problems: 0"));
     QCOMPARE(result.status, 0);
 }
 
-void TestKxpublishKills::KillEverywhere(const QStringList& words, const QString& before,
-                                        const QString& after, const std::function<bool()>& isDone)
+void TestKxpublishCommandKills::KillEverywhere(const QStringList& words, const QString& before,
+                                               const QString& after,
+                                               const std::function<bool()>& isDone)
 {
     QStringList expected;
     int killed = 0;
@@ -126,34 +128,37 @@ void TestKxpublishKills::KillEverywhere(const QStringList& words, const QString&
     QVERIFY(killed > 10);
 }
 
-void TestKxpublishKills::Prune()
+void TestKxpublishCommandKills::Prune()
 {
     KillEverywhere({S("prune"), site->Server(), S("--keep"), S("1")}, S("2"), S("2"),
                    [] { return false; });
+    // What the comparison was about.
+    QVERIFY(!kxtest::Exists(site->Server() + S("/packages/demo-app-v0")));
+    QVERIFY(!kxtest::Exists(site->Server() + S("/packages/other-v0")));
 }
 
-void TestKxpublishKills::Promote()
+void TestKxpublishCommandKills::Promote()
 {
     KillEverywhere(kxtest::PromoteArguments(S("3"), site->Server()), S("2"), S("3"),
                    [] { return false; });
 }
 
-void TestKxpublishKills::Rollback()
+void TestKxpublishCommandKills::Rollback()
 {
     KillEverywhere({S("rollback"), site->Server()}, S("2"), S("1"),
                    [this] { return site->Offered() == S("1") && site->History().isEmpty(); });
 }
 
-void TestKxpublishKills::RollbackAs()
+void TestKxpublishCommandKills::RollbackAs()
 {
     KillEverywhere({S("rollback"), site->Server(), S("--as"), S("4")}, S("2"), S("4"),
                    [this] { return site->Offered() == S("4") && site->History().isEmpty(); });
 }
 
-void TestKxpublishKills::RollbackAsWithoutHardLinks()
+void TestKxpublishCommandKills::RollbackAsWithoutHardLinks()
 {
-    const PublishResult result =
-        RunPreloaded({S("rollback"), site->Server(), S("--as"), S("4")}, S("KX_LINK_ERROR"), QString::number(EPERM));
+    const PublishResult result = RunPreloaded({S("rollback"), site->Server(), S("--as"), S("4")},
+                                              S("KX_LINK_ERROR"), QString::number(EPERM));
     QCOMPARE(result.err, QStringList({S("clients are offered version 4 now, 2 before")}));
     QCOMPARE(result.status, 0);
     const QString file = site->BuildPath(S("4"), S("files/app"));
@@ -164,5 +169,5 @@ void TestKxpublishKills::RollbackAsWithoutHardLinks()
     ExpectWhole();
 }
 
-QTEST_GUILESS_MAIN(TestKxpublishKills)
-#include "tst_kxpublish_kills_commands.moc"
+QTEST_GUILESS_MAIN(TestKxpublishCommandKills)
+#include "tst_kxpublish_command_kills.moc"
