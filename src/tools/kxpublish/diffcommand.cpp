@@ -60,7 +60,8 @@ QString Chosen(const QString& given, const QSet<QString>& present, const char* o
     for (const QString& name : Sorted(present))
         names.append(Printable(name));
     const QString all = names.join(QStringLiteral(", "));
-    Complain(given.isEmpty()
+    Complain(
+        given.isEmpty()
             ? QStringLiteral("%1 is needed to choose %2: %3").arg(QLatin1String(option), what, all)
             : QStringLiteral("%1 %2: not published; there is %3")
                   .arg(QLatin1String(option), Shown(given), all));
@@ -127,7 +128,7 @@ bool DiffCommand::Read(const Build& build, Manifest& manifest) const
         return problem.isEmpty();
     }
     Complain(QStringLiteral("%1: not published in version %2 for %3")
-            .arg(Shown(build.package), Shown(build.version), Printable(build.platform)));
+                 .arg(Shown(build.package), Shown(build.version), Printable(build.platform)));
     return false;
 }
 

@@ -45,7 +45,7 @@ void Problems::Print() const
     if (problems.size() > maxPrinted)
         Complain(QStringLiteral("... and %1 more").arg(problems.size() - maxPrinted));
     Complain(problems.size() == 1 ? QStringLiteral("refused, 1 problem")
-                             : QStringLiteral("refused, %1 problems").arg(problems.size()));
+                                  : QStringLiteral("refused, %1 problems").arg(problems.size()));
 }
 
 } // namespace publish
