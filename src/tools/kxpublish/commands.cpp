@@ -130,7 +130,7 @@ CommandSpec PromoteSpec()
         "Offers a version to the clients. One answer speaks for every package and platform of "
         "SERVERTREE, so each of them must be published in VERSION.",
         {},
-        {{"version", "VERSION", "Version to offer.", required}, OutOption()},
+        {{"version", "VERSION", "Version to offer.", required}, OutOption(), WaitOption()},
     };
 }
 
@@ -165,6 +165,10 @@ ExitStatus RunRollback(const CommandLine& line)
     settings.serverTree = line.Argument(0);
     settings.as = line.Value("as");
     settings.dryRun = line.IsSet("dry-run");
+    if (line.IsSet("as") && settings.as.isEmpty()) {
+        Complain(QStringLiteral("--as is empty"));
+        return ExitUsage;
+    }
     if (!ReadNumber(line, "wait", 0, ServerTree::maxWait, settings.waitSeconds))
         return ExitUsage;
     RollbackCommand command(settings);

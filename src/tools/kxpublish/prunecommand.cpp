@@ -57,7 +57,7 @@ ExitStatus PruneCommand::Run()
     // The lock comes before the look at the builds: none may come, go or be offered in between.
     if (!settings.dryRun && !server.Open(error, settings.waitSeconds)) {
         Complain(error);
-        return ExitFailed;
+        return IsInterrupted() ? ExitInterrupted : ExitFailed;
     }
     const QList<Build> plan = Plan();
     for (const PruneResult::Kept& kept : std::as_const(result.kept))

@@ -282,7 +282,7 @@ ExitStatus RollbackCommand::Refuse()
 ExitStatus RollbackCommand::Fail(const QString& error)
 {
     Complain(error);
-    return ExitFailed;
+    return IsInterrupted() ? ExitInterrupted : ExitFailed;
 }
 
 ExitStatus RollbackCommand::GiveUp()
