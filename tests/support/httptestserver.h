@@ -206,6 +206,9 @@ private:
 /** A TLS configured server with a self-signed certificate for 127.0.0.1; null without a backend. */
 std::unique_ptr<QTcpServer> MakeTlsTestServer();
 
+/** That certificate, as PEM. */
+QByteArray TlsTestCertificate();
+
 /** A URL on 127.0.0.1 where nobody listens. */
 QUrl RefusedUrl();
 

@@ -34,6 +34,11 @@ YgXYQwZ2ytFqlLZngK/64zTLiPjKftgHgcEs5uQZIj2ymnSHcDfI4IHN
 
 } // namespace
 
+QByteArray TlsTestCertificate()
+{
+    return certificate;
+}
+
 std::unique_ptr<QTcpServer> MakeTlsTestServer()
 {
     if (!QSslSocket::supportsSsl())

@@ -87,6 +87,26 @@ void KxupdateProcess::Signal(int number)
     ::kill(pid_t(process.processId()), number);
 }
 
+bool KxupdateProcess::AwaitOutput(const QString& text, int times)
+{
+    return QTest::qWaitFor(
+        [&] {
+            output += QString::fromUtf8(process.readAllStandardOutput());
+            return output.count(text) >= times;
+        },
+        timeoutMs);
+}
+
+bool KxupdateProcess::AwaitErrors(const QString& text, int times)
+{
+    return QTest::qWaitFor(
+        [&] {
+            errors += QString::fromUtf8(process.readAllStandardError());
+            return errors.count(text) >= times;
+        },
+        timeoutMs);
+}
+
 bool KxupdateProcess::Wait()
 {
     const bool ended = QTest::qWaitFor(

@@ -29,12 +29,19 @@ public:
 
     void Start(const QStringList& arguments);
     void Signal(int number);
+    /** Variable of the environment, which is otherwise nearly empty. */
+    void SetVariable(const QString& name, const QString& value) { environment.insert(name, value); }
+    /** Waits until the running process has printed `text` on stdout `times` times in all. */
+    bool AwaitOutput(const QString& text, int times = 1);
+    /** The same for stderr. */
+    bool AwaitErrors(const QString& text, int times = 1);
     /** Waits until it ends; false when it does not, or crashes. */
     bool Wait();
     bool Run(const QStringList& arguments);
 
     /** What stands behind a file descriptor of the running process. */
     QString OpenFile(int descriptor) const;
+    qint64 Id() const { return process.processId(); }
     int Status() const { return process.exitCode(); }
     QString Output() const { return output; }
     QString Errors() const { return errors; }

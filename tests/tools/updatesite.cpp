@@ -79,6 +79,19 @@ QStringList UpdateSite::Command(const QString& command, const QString& current,
            more;
 }
 
+void UpdateSite::WriteConfig(const QString& current, const QByteArray& more) const
+{
+    const QByteArray text = "# of the test\nurl = " + Url().toUtf8() +
+                            "\npackage=" + package.toUtf8() + "\n  version =\t" + current.toUtf8() +
+                            "  \n\napp = app\ndownload = next\n" + more;
+    kxtest::Write(Config(), text);
+}
+
+QStringList UpdateSite::Configured(const QString& command, const QStringList& more) const
+{
+    return QStringList{command, QStringLiteral("--config"), Config()} + more;
+}
+
 QStringList UpdateSite::Verify(const QString& option, const QString& path) const
 {
     return {QStringLiteral("verify"), option, path, QStringLiteral("--xml"), Xml()};

@@ -41,6 +41,11 @@ public:
     /** Arguments of a command for this site, `more` behind them. */
     QStringList Command(const QString& command, const QString& current = QStringLiteral("1.0"),
                         const QStringList& more = {}) const;
+    QString Config() const { return Path(QStringLiteral("hello.conf")); }
+    /** Writes Config() with everything that Command() says, paths relative, and `more` lines. */
+    void WriteConfig(const QString& current, const QByteArray& more = {}) const;
+    /** Arguments of a command that takes all else from Config(). */
+    QStringList Configured(const QString& command, const QStringList& more = {}) const;
     /** Arguments of a verification of a directory against Xml(). */
     QStringList Verify(const QString& option, const QString& path) const;
 
