@@ -146,8 +146,10 @@ void TstKxupdate::CheckTellsTheVerdict()
     QVERIFY2(process.Run(site.Command(QStringLiteral("check"), current)), process.Report());
     QVERIFY2(process.Status() == status, process.Report());
     QCOMPARE(process.Output(),
-             QStringLiteral("installed: %1\nserver: %2\nverdict: %3\nresult: %3\n")
-                 .arg(current, published, verdict));
+             QStringLiteral("installed: %1\nserver: %2\nverdict: %3\n%4result: %3\n")
+                 .arg(current, published, verdict,
+                      damaged.isEmpty() ? QString()
+                                        : QStringLiteral("difference: missing %1\n").arg(damaged)));
     QCOMPARE(kxtest::Snapshot(site.Path(QStringLiteral("."))), before);
 }
 
@@ -187,7 +189,8 @@ void TstKxupdate::UpdateReplacesTheInstalledVersion()
     // Only what belongs there stays beside the application.
     QCOMPARE(QDir(site.Path(QStringLiteral(".")))
                  .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name),
-             QStringList({"app", "next", "next.kxupdate", "next.xml", "server", "v1.0", "v2.0"}));
+             QStringList({"app", "next", "next.kxupdate", "next.kxupdate.state", "next.xml",
+                          "server", "v1.0", "v2.0"}));
 }
 
 void TstKxupdate::UpdateFindsNothingToDo()

@@ -1,5 +1,6 @@
 #include "applicationdirectory.h"
 
+#include "diskspace.h"
 #include "paths.h"
 
 #include <kxcommon/filecommands.h>
@@ -24,6 +25,12 @@ ApplicationDirectory::ApplicationDirectory(const QString& path) : path(path) {}
 QString ApplicationDirectory::BackupPath() const
 {
     return path + QStringLiteral(".old");
+}
+
+QString ApplicationDirectory::LockPath() const
+{
+    const QFileInfo info(path);
+    return info.absolutePath() + QStringLiteral("/.%1.kxupdate.lock").arg(info.fileName());
 }
 
 bool ApplicationDirectory::Exists() const
@@ -82,6 +89,14 @@ QString ApplicationDirectory::Restore() const
     return QStringLiteral("The application directory is missing, and its backup '%1' cannot be "
                           "renamed back to '%2'.")
         .arg(BackupPath(), path);
+}
+
+quint64 ApplicationDirectory::LeftoverSize() const
+{
+    const QFileInfo info(path);
+    // Where the library copies a directory before it is renamed into place.
+    const QString copy = info.absolutePath() + QStringLiteral("/.%1.kxnew").arg(info.fileName());
+    return TreeSize(copy) + (Exists() ? TreeSize(BackupPath()) : 0);
 }
 
 QStringList ApplicationDirectory::Unlisted(const updater::FileList& manifest) const

@@ -18,6 +18,8 @@ public:
     const QString& Path() const { return path; }
     /** Where a swap keeps the old version. */
     QString BackupPath() const;
+    /** The lock of who replaces it. */
+    QString LockPath() const;
     bool Exists() const;
     bool BackupExists() const;
 
@@ -30,6 +32,9 @@ public:
     bool NeedsRestore() const;
     /** Renames the backup back into place. */
     QString Restore() const;
+
+    /** Bytes beside the application that a swap removes first: what an earlier one left. */
+    quint64 LeftoverSize() const;
 
     /** Files and links, hidden ones included, that `manifest` does not list: a swap drops them. */
     QStringList Unlisted(const updater::FileList& manifest) const;

@@ -1,7 +1,11 @@
 #include "diskspace.h"
 
+#include <kxcommon/ifiledownload.h>
+
+#include <QDirIterator>
 #include <QFileInfo>
 #include <QLocale>
+#include <QSet>
 #include <QStorageInfo>
 
 #include <limits>
@@ -15,6 +19,11 @@ quint64 Add(quint64 sum, quint64 size)
     return size > limit - sum ? limit : sum + size;
 }
 
+quint64 Subtract(quint64 sum, quint64 size)
+{
+    return size > sum ? 0 : sum - size;
+}
+
 QStorageInfo VolumeOf(QString path)
 {
     while (!QFileInfo::exists(path) && path.contains(u'/')) {
@@ -23,6 +32,52 @@ QStorageInfo VolumeOf(QString path)
             path = QStringLiteral("/");
     }
     return QStorageInfo(path);
+}
+
+// A device that is mounted in two places has its free space once.
+bool IsSame(const QStorageInfo& a, const QStorageInfo& b)
+{
+    return a == b || (a.device() == b.device() && a.device().startsWith("/dev/"));
+}
+
+quint64 BlockOf(const QStorageInfo& volume)
+{
+    return quint64(qMax(1, volume.blockSize()));
+}
+
+// What is there of a file: all of it, or what an earlier transfer left.
+quint64 Present(const QString& path, quint64 size)
+{
+    const QFileInfo whole(path);
+    if (whole.isFile() && !whole.isSymLink() && quint64(whole.size()) == size)
+        return size;
+    const QFileInfo part(common::http::PartialFilePath(path));
+    return part.isFile() && !part.isSymLink() ? qMin(quint64(part.size()), size) : 0;
+}
+
+// Bytes that a tree takes in `volume`, less what stands below `root` already, if it is given.
+quint64 Demand(const updater::FileList& manifest, const QStorageInfo& volume, const QString& root)
+{
+    const quint64 block = BlockOf(volume);
+    quint64 sum = 0;
+    QSet<QString> directories;
+    for (const updater::File& file : manifest) {
+        for (qsizetype end = file.Name().lastIndexOf(u'/'); end > 0;
+             end = file.Name().lastIndexOf(u'/', end - 1)) {
+            const QString directory = file.Name().left(end);
+            if (directories.contains(directory))
+                break;
+            directories.insert(directory);
+            if (root.isEmpty() || !QFileInfo::exists(root + u'/' + directory))
+                sum = Add(sum, block);
+        }
+        if (file.IsSymlink())
+            continue;
+        const quint64 present =
+            root.isEmpty() ? 0 : Present(root + u'/' + file.Name(), file.Size());
+        sum = Add(sum, InBlocks(file.Size() - present, block));
+    }
+    return sum;
 }
 
 QString Problem(const QStorageInfo& volume, quint64 needed)
@@ -40,28 +95,51 @@ QString Problem(const QStorageInfo& volume, quint64 needed)
 
 } // namespace
 
-QString SpaceProblem(const updater::FileList& manifest, const QString& download,
-                     const QString& application)
+QString SpaceProblem(const updater::FileList& manifest, const SpaceDemand& demand)
 {
-    quint64 whole = 0;
-    quint64 missing = 0;
-    for (const updater::File& file : manifest) {
-        if (file.IsSymlink())
-            continue;
-        whole = Add(whole, file.Size());
-        const QFileInfo present(download + u'/' + file.Name());
-        if (download.isEmpty() || quint64(qMax<qint64>(0, present.size())) != file.Size())
-            missing = Add(missing, file.Size());
-    }
+    const QStorageInfo assembly = VolumeOf(demand.download);
+    const QStorageInfo installed = VolumeOf(demand.application);
+    quint64 forDownload = 0;
+    quint64 forSwap = 0;
+    if (!demand.download.isEmpty())
+        forDownload =
+            Subtract(Demand(manifest, assembly, demand.download), demand.freedBesideDownload);
+    if (!demand.application.isEmpty())
+        forSwap = Subtract(Demand(manifest, installed, QString()), demand.freedBesideApplication);
 
-    if (download.isEmpty())
-        return Problem(VolumeOf(application), whole);
-    const QStorageInfo assembly = VolumeOf(download);
-    if (application.isEmpty())
-        return Problem(assembly, missing);
-    const QStorageInfo installed = VolumeOf(application);
-    if (assembly == installed)
-        return Problem(assembly, Add(whole, missing));
-    const QString problem = Problem(assembly, missing);
-    return problem.isEmpty() ? Problem(installed, whole) : problem;
+    if (demand.download.isEmpty())
+        return Problem(installed, forSwap);
+    if (demand.application.isEmpty())
+        return Problem(assembly, forDownload);
+    if (IsSame(assembly, installed))
+        return Problem(assembly, Add(forDownload, forSwap));
+    const QString problem = Problem(assembly, forDownload);
+    return problem.isEmpty() ? Problem(installed, forSwap) : problem;
+}
+
+quint64 BlockSize(const QString& path)
+{
+    return BlockOf(VolumeOf(path));
+}
+
+quint64 InBlocks(quint64 size, quint64 block)
+{
+    return size % block == 0 ? size : Add(size, block - size % block);
+}
+
+quint64 TreeSize(const QString& path)
+{
+    if (QFileInfo(path).isSymLink())
+        return 0;
+    quint64 sum = 0;
+    const quint64 block = BlockSize(path);
+    QDirIterator walk(path, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                      QDirIterator::Subdirectories);
+    while (walk.hasNext()) {
+        walk.next();
+        const QFileInfo info = walk.fileInfo();
+        if (info.isFile() && !info.isSymLink())
+            sum = Add(sum, InBlocks(quint64(info.size()), block));
+    }
+    return sum;
 }

@@ -1,6 +1,7 @@
 #include "downloaddirectory.h"
 
 #include "applicationdirectory.h"
+#include "diskspace.h"
 #include "paths.h"
 
 #include <kxcommon/ifiledownload.h>
@@ -54,10 +55,30 @@ public:
         return empty;
     }
 
+    /** Bytes, in whole blocks, of the files below `directory` that Clean() removes. */
+    quint64 Size(const QString& directory, quint64 block) const
+    {
+        quint64 sum = 0;
+        const QFileInfoList entries = QDir(directory).entryInfoList(everything, QDir::NoSort);
+        for (const QFileInfo& entry : entries) {
+            if (IsRealDirectory(entry))
+                sum += Size(entry.filePath(), block);
+            else if (!Keeps(entry) && !entry.isSymLink())
+                sum += InBlocks(quint64(entry.size()), block);
+        }
+        return sum;
+    }
+
     QString problem;
     int removed = 0;
 
 private:
+    bool Keeps(const QFileInfo& entry) const
+    {
+        const QString path = entry.filePath();
+        return entry.isSymLink() ? links.contains(path) : entry.isFile() && files.contains(path);
+    }
+
     bool CleanEntry(const QFileInfo& entry)
     {
         const QString path = entry.filePath();
@@ -69,9 +90,7 @@ private:
                 return false;
             }
         } else {
-            const bool keep =
-                entry.isSymLink() ? links.contains(path) : entry.isFile() && files.contains(path);
-            if (keep)
+            if (Keeps(entry))
                 return false;
             QFile file(path);
             if (!file.remove()) {
@@ -94,6 +113,16 @@ DownloadDirectory::DownloadDirectory(const QString& path) : path(path) {}
 QString DownloadDirectory::MarkerPath() const
 {
     return path + QStringLiteral(".kxupdate");
+}
+
+QString DownloadDirectory::RecordPath() const
+{
+    return MarkerPath() + QStringLiteral(".state");
+}
+
+QString DownloadDirectory::LockPath() const
+{
+    return MarkerPath() + QStringLiteral(".lock");
 }
 
 QString DownloadDirectory::Violation(const ApplicationDirectory& application) const
@@ -156,6 +185,11 @@ QString DownloadDirectory::Clear(const updater::FileList& manifest, int& removed
     cleaner.Clean(path);
     removed = cleaner.removed;
     return cleaner.problem;
+}
+
+quint64 DownloadDirectory::ClearedSize(const updater::FileList& manifest) const
+{
+    return Cleaner(path, manifest).Size(path, BlockSize(path));
 }
 
 bool DownloadDirectory::IsEmpty() const

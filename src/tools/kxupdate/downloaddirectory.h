@@ -22,6 +22,10 @@ public:
 
     const QString& Path() const { return path; }
     QString MarkerPath() const;
+    /** Where the runs on this directory remember things, see RunRecord. */
+    QString RecordPath() const;
+    /** The lock of who works on it. */
+    QString LockPath() const;
 
     /** Why the path cannot be a download directory at all: a link, a file, or a place that overlaps
      *  the application, its backup, the root or the home directory. */
@@ -39,13 +43,17 @@ public:
      */
     QString Clear(const updater::FileList& manifest, int& removed) const;
 
+    /** Bytes of the files that Clear() removes. */
+    quint64 ClearedSize(const updater::FileList& manifest) const;
+
+    /** True when kxupdate made the directory, or took it over empty. */
+    bool IsMarked() const;
     bool IsEmpty() const;
     /** Relative paths of entries with hidden names, which the scans of the library leave out. */
     QStringList HiddenEntries() const;
 
 private:
     QString Identity() const;
-    bool IsMarked() const;
 
     QString path;
 };

@@ -19,7 +19,8 @@ QList<tools::ExitStatusSpec> ExitStatuses()
         {int(ExitStatus::RolledBack), "rolled-back",
          "the swap failed; the old version is back in place"},
         {int(ExitStatus::Broken), "broken", "the swap failed and the application needs attention"},
-        {int(ExitStatus::UpdateAvailable), "available", "check: the server has another version"},
+        {int(ExitStatus::UpdateAvailable), "available",
+         "check, repair: the server has another version"},
         {int(ExitStatus::RepairNeeded), "repair", "check: same version, but files differ from it"},
     };
 }

@@ -15,7 +15,7 @@ enum class ExitStatus : int {
     ServerFailed = 6,       //!< the server is not reachable, or what it sends is not usable
     RolledBack = 7,         //!< the swap failed and the old version was put back
     Broken = 8,             //!< the swap failed and the application needs attention
-    UpdateAvailable = 10,   //!< check: another version can be installed
+    UpdateAvailable = 10,   //!< check, repair: another version can be installed
     RepairNeeded = 11       //!< check: the same version, but files are damaged, missing or extra
 };
 

@@ -6,6 +6,8 @@
 #include "logforwarder.h"
 #include "options.h"
 #include "session.h"
+#include "updaterhost.h"
+#include "watch.h"
 
 #include <QCoreApplication>
 #include <QNetworkProxyFactory>
@@ -23,17 +25,29 @@ void PrintQtMessage(QtMsgType type, const QMessageLogContext&, const QString& te
     std::fprintf(stderr, "%s\n", qUtf8Printable(text));
 }
 
+// Starts a Session or a Watch and runs until it is done.
+template <typename Work>
+int RunToTheEnd(QCoreApplication& app, Work& work)
+{
+    const Interrupt interrupt;
+    QObject::connect(&interrupt, SIGNAL(interrupted()), &work, SLOT(Interrupt()));
+    // Queued: it may finish before the loop runs, and exit() does nothing there.
+    QObject::connect(&work, &Work::done, &app, &QCoreApplication::exit, Qt::QueuedConnection);
+    work.Start();
+    return app.exec();
+}
+
 int Run(QCoreApplication& app, const Options& options)
 {
     tools::Console console(options.quiet);
     const LogForwarder logger(console, options.logLevel);
-    const Interrupt interrupt;
-    Session session(options, console);
-    QObject::connect(&interrupt, SIGNAL(interrupted()), &session, SLOT(Interrupt()));
-    // Queued: a session may finish before the loop runs, and exit() does nothing there.
-    QObject::connect(&session, &Session::done, &app, &QCoreApplication::exit, Qt::QueuedConnection);
-    session.Start();
-    return app.exec();
+    if (options.watch) {
+        Watch watch(options, console);
+        return RunToTheEnd(app, watch);
+    }
+    UpdaterHost host(options);
+    Session session(options, console, host);
+    return RunToTheEnd(app, session);
 }
 
 } // namespace

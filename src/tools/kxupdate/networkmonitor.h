@@ -6,19 +6,25 @@ QT_BEGIN_NAMESPACE
 class QNetworkReply;
 QT_END_NAMESPACE
 
+struct Options;
+
 /**
- * A network manager that counts what arrives. The updater tells how many files are done; this tells
- * that a large one is under way. Owner thread only.
+ * A network manager that counts what arrives, and applies the settings of the network to every
+ * request. The updater tells how many files are done; this tells that a large one is under way.
+ * Owner thread only.
  */
 class NetworkMonitor : public QNetworkAccessManager
 {
     Q_OBJECT
 public:
-    explicit NetworkMonitor(QObject* parent = nullptr);
+    /** Takes proxy, certificates and timeout of `options`, which ReadOptions() has found good. */
+    explicit NetworkMonitor(const Options& options, QObject* parent = nullptr);
 
 Q_SIGNALS:
     /** Bytes of all replies since the manager was made, some ten times a second and transfer. */
     void received(qint64 bytes);
+    /** A reply brought nothing for the `seconds` of --timeout and is given up. */
+    void silent(int seconds);
 
 protected:
     QNetworkReply* createRequest(Operation operation, const QNetworkRequest& request,
@@ -27,5 +33,6 @@ protected:
 private:
     Q_DISABLE_COPY(NetworkMonitor)
 
+    const int timeout; // seconds; 0: the library's own
     qint64 total = 0;
 };

@@ -1,8 +1,11 @@
 #include "options.h"
 
 #include "common/commandline.h"
+#include "configfile.h"
+#include "networksettings.h"
 
 #include <QDir>
+#include <QSslCertificate>
 #include <QUrl>
 
 namespace {
@@ -37,36 +40,76 @@ const NeedRow needRows[] = {
 struct SettingRow
 {
     const char* option;
+    const char* key; // in the configuration
     unsigned need;
     QString Options::*value;
+    bool isPath;
 };
 
 const SettingRow settingRows[] = {
-    {"url", Url, &Options::url},
-    {"package", Package, &Options::package},
-    {"current", Current, &Options::current},
-    {"app", Application, &Options::application},
-    {"download", Download, &Options::download},
-    {"xml", 0, &Options::xml},
+    {"url", "url", Url, &Options::url, false},
+    {"package", "package", Package, &Options::package, false},
+    {"current", "version", Current, &Options::current, false},
+    {"app", "app", Application, &Options::application, true},
+    {"download", "download", Download, &Options::download, true},
+    {"xml", "xml", 0, &Options::xml, true},
+    {"proxy", "proxy", 0, &Options::proxy, false},
+    {"ca-file", "ca-file", 0, &Options::caFile, true},
 };
 
-QString Absolute(const QString& path)
+// The settings of the command line, and behind them those of the configuration.
+class Sources
 {
-    return path.isEmpty() ? path : QDir::cleanPath(QDir::current().absoluteFilePath(path));
-}
+public:
+    Sources(const tools::CommandLine& line, const ConfigFile& config) : line(line), config(config)
+    {
+    }
 
-// Empty when `text` is a base URL that the updater can use.
-QString UrlProblem(const QString& text)
+    bool Has(const char* option, const char* key) const
+    {
+        return line.IsSet(option) || config.Has(key);
+    }
+    QString Value(const char* option, const char* key) const
+    {
+        return line.IsSet(option) ? line.Value(option) : config.Value(key);
+    }
+    /** The place of a setting, to begin a message with. */
+    QString Where(const char* option, const char* key) const
+    {
+        return line.IsSet(option) || !config.Has(key)
+                   ? QStringLiteral("--") + QString::fromLatin1(option)
+                   : config.Where(key);
+    }
+    /** Paths of the command line are meant from here, those of a file from its directory. */
+    QString Path(const char* option, const char* key) const
+    {
+        const QString path = Value(option, key);
+        const QDir base = line.IsSet(option) ? QDir::current() : QDir(config.Directory());
+        return path.isEmpty() ? path : QDir::cleanPath(base.absoluteFilePath(path));
+    }
+
+private:
+    const tools::CommandLine& line;
+    const ConfigFile& config;
+};
+
+// Empty when `text` is a base URL that the updater can use. A login in it is not shown.
+QString UrlProblem(const QString& where, const QString& text)
 {
     const QUrl url(text, QUrl::StrictMode);
     if (!url.isValid())
-        return QStringLiteral("--url '%1' is not a URL: %2").arg(text, url.errorString());
+        return QStringLiteral("%1 is not a URL: %2")
+            .arg(where, text.contains(u'@')
+                            ? QStringLiteral("it cannot be parsed")
+                            : u'\'' + text + QStringLiteral("', ") + url.errorString());
+    const QString shown =
+        QStringLiteral("%1 '%2'").arg(where, url.toDisplayString(QUrl::RemovePassword));
     if (url.scheme() != QLatin1String("http") && url.scheme() != QLatin1String("https"))
-        return QStringLiteral("--url '%1' does not begin with http:// or https://").arg(text);
+        return QStringLiteral("%1 does not begin with http:// or https://").arg(shown);
     if (url.host().isEmpty())
-        return QStringLiteral("--url '%1' names no host").arg(text);
+        return QStringLiteral("%1 names no host").arg(shown);
     if (url.hasQuery() || url.hasFragment())
-        return QStringLiteral("--url '%1' must not hold a '?' or a '#'").arg(text);
+        return QStringLiteral("%1 must not hold a '?' or a '#'").arg(shown);
     return QString();
 }
 
@@ -75,7 +118,11 @@ QString MissingOption(const NeedRow& row, const Options& options)
     for (const SettingRow& setting : settingRows) {
         if ((row.needs & setting.need) && (options.*setting.value).isEmpty())
             return QStringLiteral("'%1' needs --%2")
-                .arg(QString::fromLatin1(row.name), QString::fromLatin1(setting.option));
+                       .arg(QString::fromLatin1(row.name), QString::fromLatin1(setting.option)) +
+                   (options.config.isEmpty()
+                        ? QString()
+                        : QStringLiteral(", or '%1' in '%2'")
+                              .arg(QString::fromLatin1(setting.key), options.config));
     }
     if (row.command == Command::Verify) {
         const bool application = !options.application.isEmpty();
@@ -87,20 +134,38 @@ QString MissingOption(const NeedRow& row, const Options& options)
     return QString();
 }
 
-// Empty when the option is absent or a number of the range, which `number` then holds.
-QString ReadNumber(const tools::CommandLine& line, const char* option, int least, int most,
-                   int& number)
+// Empty when the setting is absent or a number of the range, which `number` then holds.
+QString ReadNumber(const Sources& sources, const char* name, int least, int most, int& number)
 {
-    if (!line.IsSet(option))
+    if (!sources.Has(name, name))
         return QString();
     bool good = false;
-    const int value = line.Value(option).toInt(&good);
+    const QString text = sources.Value(name, name);
+    const int value = text.toInt(&good);
     if (!good || value < least || value > most)
-        return QStringLiteral("--%1 '%2' is not a number from %3 to %4")
-            .arg(QString::fromLatin1(option), line.Value(option))
+        return QStringLiteral("%1 '%2' is not a number from %3 to %4")
+            .arg(sources.Where(name, name), text)
             .arg(least)
             .arg(most);
     number = value;
+    return QString();
+}
+
+QString NetworkProblem(const Sources& sources, const Options& options)
+{
+    QNetworkProxy proxy;
+    if (!options.proxy.isEmpty()) {
+        const QString problem = networksettings::ReadProxy(options.proxy, proxy);
+        if (!problem.isEmpty())
+            return QStringLiteral("%1 %2").arg(sources.Where("proxy", "proxy"), problem);
+    }
+    QList<QSslCertificate> certificates;
+    if (!options.caFile.isEmpty()) {
+        const QString problem = networksettings::ReadCertificates(options.caFile, certificates);
+        if (!problem.isEmpty())
+            return QStringLiteral("%1 '%2' %3")
+                .arg(sources.Where("ca-file", "ca-file"), options.caFile, problem);
+    }
     return QString();
 }
 
@@ -117,26 +182,44 @@ QString ReadOptions(const tools::CommandLine& line, Options& options)
         return QStringLiteral("a command is missing");
     options.command = row->command;
 
+    ConfigFile config;
+    if (line.IsSet("config")) {
+        if (line.Value("config").isEmpty())
+            return QStringLiteral("--config is empty");
+        options.config = QDir::cleanPath(QDir::current().absoluteFilePath(line.Value("config")));
+        const QString problem = config.Load(options.config);
+        if (!problem.isEmpty())
+            return problem;
+    }
+    const Sources sources(line, config);
+
     for (const SettingRow& setting : settingRows) {
         if (line.IsSet(setting.option) && line.Value(setting.option).isEmpty())
             return QStringLiteral("--%1 is empty").arg(QString::fromLatin1(setting.option));
-        options.*setting.value = line.Value(setting.option);
+        options.*setting.value = setting.isPath ? sources.Path(setting.option, setting.key)
+                                                : sources.Value(setting.option, setting.key);
     }
+    options.currentFromConfig = !options.config.isEmpty() && !line.IsSet("current");
     QString problem = MissingOption(*row, options);
     if (problem.isEmpty() && (row->needs & Url))
-        problem = UrlProblem(options.url);
+        problem = UrlProblem(sources.Where("url", "url"), options.url);
     if (problem.isEmpty())
-        problem = ReadNumber(line, "log-level", 0, 7, options.logLevel);
+        problem = NetworkProblem(sources, options);
+    if (problem.isEmpty())
+        problem = ReadNumber(sources, "log-level", 0, 7, options.logLevel);
+    if (problem.isEmpty())
+        problem = ReadNumber(sources, "timeout", 1, 3600, options.timeout);
+    if (problem.isEmpty())
+        problem = ReadNumber(sources, "interval", 1, 2592000, options.interval);
     if (!problem.isEmpty())
         return problem;
 
     while (options.url.endsWith(u'/'))
         options.url.chop(1);
-    options.application = Absolute(options.application);
-    options.download = Absolute(options.download);
-    options.xml = Absolute(options.xml);
     if (options.xml.isEmpty() && !options.download.isEmpty())
         options.xml = options.download + QStringLiteral(".xml");
+    options.watch = line.IsSet("watch");
+    options.run = line.IsSet("run");
     options.quiet = line.IsSet("quiet");
     return QString();
 }

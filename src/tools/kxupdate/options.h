@@ -21,16 +21,17 @@ struct Options
     QString download;    //!< download directory
     QString xml;         //!< where the package XML is kept
     QString config;      //!< configuration file; empty: none
-    int logLevel = -1;   //!< most verbose library message to forward, 0 to 7; -1: none
-    QString logFile;     //!< where library messages are appended; empty: stderr
-    QString proxy;       //!< URL of a proxy, "none", or empty for the system's settings
-    QString caFile;      //!< PEM file of certificates to trust besides the system's
-    int timeout = 0;     //!< seconds without any data before a transfer fails; 0: the library's own
-    int interval = 0;    //!< seconds between two checks of a watch; 0: the library's own
-    bool watch = false;  //!< stays and checks again and again
-    bool run = false;    //!< starts the new executable after a successful swap
-    bool json = false;   //!< one JSON object a line instead of data and messages
-    bool quiet = false;  //!< no states and no progress
+    bool currentFromConfig = false; //!< `current` stands in the file, not on the command line
+    int logLevel = -1;              //!< most verbose library message to forward, 0 to 7; -1: none
+    QString logFile;                //!< where library messages are appended; empty: stderr
+    QString proxy;                  //!< URL of a proxy, "none", or empty for the system's settings
+    QString caFile;                 //!< PEM file of certificates to trust besides the system's
+    int timeout = 0;    //!< seconds without any data before a transfer fails; 0: the library's own
+    int interval = 0;   //!< seconds between two checks of a watch; 0: the library's own
+    bool watch = false; //!< stays and checks again and again
+    bool run = false;   //!< starts the new executable after a successful swap
+    bool json = false;  //!< one JSON object a line instead of data and messages
+    bool quiet = false; //!< no states and no progress
 };
 
 /** The command line of the tool: one row a command. */

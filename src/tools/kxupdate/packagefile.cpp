@@ -5,9 +5,16 @@
 #include <QFile>
 #include <QNetworkAccessManager>
 #include <QSaveFile>
+#include <QUrl>
 #include <QXmlStreamReader>
 
 namespace packagefile {
+namespace {
+
+// A note to ourselves that every other reader of the file passes over.
+const QString noteTarget = QStringLiteral("kxupdate-version");
+
+} // namespace
 
 QString Read(const QString& path, QString& xml)
 {
@@ -21,14 +28,36 @@ QString Read(const QString& path, QString& xml)
     return QString();
 }
 
-QString Write(const QString& path, const QString& xml)
+QString Write(const QString& path, const QString& xml, const QString& version)
 {
     QSaveFile file(path);
-    const QByteArray bytes = xml.toUtf8();
+    const QByteArray bytes = xml.toUtf8() + "\n<?" + noteTarget.toLatin1() + ' ' +
+                             QUrl::toPercentEncoding(version) + "?>\n";
     if (file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.commit())
         return QString();
     return QStringLiteral("Cannot write the package description '%1': %2.")
         .arg(path, file.errorString());
+}
+
+QString Version(const QString& xml)
+{
+    QXmlStreamReader reader(xml);
+    while (!reader.atEnd()) {
+        if (reader.readNext() == QXmlStreamReader::ProcessingInstruction &&
+            reader.processingInstructionTarget() == noteTarget)
+            return QUrl::fromPercentEncoding(
+                reader.processingInstructionData().trimmed().toLatin1());
+    }
+    return QString();
+}
+
+QString Executable(const QString& name, const QString& xml)
+{
+    QNetworkAccessManager unused;
+    updater::Package package(&unused, nullptr);
+    package.SetName(name);
+    package.SetPackageXML(xml);
+    return package.ExecutableName();
 }
 
 QString PackageName(const QString& xml)

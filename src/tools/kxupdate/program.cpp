@@ -25,29 +25,83 @@ QList<OptionSpec> Settings()
          "Where the package description is kept; the download directory with '.xml' appended if "
          "not given.",
          OptionSpec::Optional, Completion::File},
+        {"config", "FILE",
+         "Settings as 'key = value' lines; the command line wins over them. Keys: url, package, "
+         "version (for --current), app, download, xml, proxy, ca-file, timeout, interval. Relative "
+         "paths are meant from the file's directory. The version is written back after an install, "
+         "update or repair.",
+         OptionSpec::Optional, Completion::File},
+        {"proxy", "URL",
+         "http:// or socks5:// with host and port, perhaps with a login, or none; the system's "
+         "settings if not given. Other users of the machine see command lines: a password belongs "
+         "into the configuration."},
+        {"ca-file", "FILE", "Certificates (PEM) to trust besides the system's.",
+         OptionSpec::Optional, Completion::File},
+        {"timeout", "SECONDS",
+         "Seconds without any data after which a transfer has failed, 1 to 3600; 30 if not given."},
+        {"interval", "SECONDS",
+         "With --watch: seconds between the end of a round and the next check, 1 to 2592000, of "
+         "which at most 2147483 are waited; as long if not given."},
     };
+}
+
+OptionSpec WatchOption(const char* description)
+{
+    return {"watch", nullptr, description};
+}
+
+OptionSpec RunOption()
+{
+    return {"run", nullptr,
+            "After a successful swap start the package's program, detached, as the same user. When "
+            "nothing was replaced, nothing is started. The datum 'started' tells which, or none."};
 }
 
 QList<CommandSpec> Commands()
 {
     return {
-        {"check", "ask whether the server has something else than the application holds",
+        {"check",
+         "ask whether the server has something else than the application holds",
          "Asks the server for its version, compares its list of files with the application "
          "directory, and says what there is to do. Changes nothing. Needs --url, --package, "
-         "--current and --app."},
+         "--current and --app.",
+         {},
+         {WatchOption("Stay, and check again after --interval seconds. Each round ends with a "
+                      "result; Ctrl-C ends the watch with status 0.")}},
         {"download", "assemble and verify the server's version in the download directory",
          "Assembles the server's version in the download directory, from the installed files that "
          "did not change and downloads of the others, and verifies it. The application is not "
          "touched. Needs what 'check' needs, and --download."},
-        {"install", "swap a downloaded version in; the old one comes back if that fails",
+        {"install",
+         "swap a downloaded version in; the old one comes back if that fails",
          "Verifies the download directory once more and swaps it in. The old version comes back "
-         "if that fails. Needs --app and --download."},
-        {"update", "all of it: check, download, install; also repairs damaged files",
+         "if that fails. Needs --app and --download.",
+         {},
+         {RunOption()}},
+        {"update",
+         "all of it: check, download, install; also repairs damaged files",
          "Checks, downloads and installs. When the version is the same but files differ from it, "
-         "they are repaired. Needs what 'download' needs."},
+         "they are repaired. Needs what 'download' needs.",
+         {},
+         {WatchOption("Stay, and update again after --interval seconds. Each round ends with a "
+                      "result; Ctrl-C ends the watch with status 0, after a swap that has begun. "
+                      "What failed twice is not tried a third time, unless it was the network; a "
+                      "run without --watch clears the count."),
+          RunOption()}},
+        {"repair",
+         "update, but only to the version that is installed",
+         "Checks, names the files that are damaged, missing or not the package's, and replaces the "
+         "application by a whole one of the same version. When the server has another version, it "
+         "only says so. Needs what 'download' needs.",
+         {},
+         {RunOption()}},
         {"verify", "compare --download (or --app) with the package that --xml describes",
          "Compares the download directory, or the application directory, with the package that "
          "--xml describes, and names what differs."},
+        {"status", "tell what is there, without the network",
+         "Tells what the configuration says, whether the application and a backup are there, who "
+         "holds the locks, what the download directory holds, verified against the description "
+         "that is kept beside it, and how the last run ended. Changes nothing. Needs --app."},
     };
 }
 
@@ -76,6 +130,8 @@ const tools::ProgramSpec& Program()
             {"Update an application",
              "kxupdate update --url https://updates.example.org --package hello --current 1.0 \\\n"
              "    --app /opt/hello --download /var/cache/hello/next"},
+            {"Keep one current from a file of settings",
+             "kxupdate update --watch --interval 3600 --config /etc/kxupdate/hello.conf"},
         };
         spec.exitStatuses = ExitStatuses();
         spec.seeAlso = "kxpublish(1)";

@@ -1,6 +1,7 @@
 #include "session.h"
 
 #include "common/console.h"
+#include "configfile.h"
 #include "diskspace.h"
 #include "packagefile.h"
 #include "paths.h"
@@ -17,13 +18,16 @@ QString Shown(const QUrl& url)
 
 } // namespace
 
-Session::Session(const Options& options, tools::Console& console, QObject* parent)
+Session::Session(const Options& options, tools::Console& console, UpdaterHost& host,
+                 QObject* parent)
     : QObject(parent),
       options(options),
       console(console),
       application(options.application),
       download(options.download),
-      updater(updater::CreateUpdater(&manager, nullptr))
+      host(host),
+      updater(host.updater.get()),
+      record(options.download.isEmpty() ? QString() : download.RecordPath())
 {
     updater->SetPackageName(options.package);
     updater->SetCurrentVersion(options.current);
@@ -38,7 +42,7 @@ Session::~Session() = default;
 
 void Session::ConnectUpdater()
 {
-    updater::IUpdater* source = updater.get();
+    updater::IUpdater* source = updater;
     connect(source, SIGNAL(waiting()), SLOT(OnWaiting()));
     connect(source, SIGNAL(actual()), SLOT(OnActual()));
     connect(source, SIGNAL(updateAvailable()), SLOT(OnUpdateAvailable()));
@@ -48,10 +52,11 @@ void Session::ConnectUpdater()
     connect(source, SIGNAL(failed()), SLOT(OnFailed()));
     connect(source, SIGNAL(canceled()), SLOT(OnCanceled()));
     connect(source, SIGNAL(checkError()), SLOT(OnCheckError()));
-    connect(source, SIGNAL(error(int, const QString&)), SLOT(OnError(int, const QString&)));
+    connect(&host, SIGNAL(error(int, const QString&)), SLOT(OnError(int, const QString&)));
     connect(source, SIGNAL(stateChanged(const QString&)), SLOT(OnStateChanged(const QString&)));
     connect(source, SIGNAL(progress(int)), SLOT(OnProgress(int)));
-    connect(&manager, SIGNAL(received(qint64)), SLOT(OnReceived(qint64)));
+    connect(&host.manager, SIGNAL(received(qint64)), SLOT(OnReceived(qint64)));
+    connect(&host.manager, SIGNAL(silent(int)), SLOT(OnSilent(int)));
     connect(source, SIGNAL(localUpdateVerificationFinished(bool)), SLOT(OnVerified(bool)));
 }
 
@@ -61,7 +66,7 @@ void Session::Start()
     switch (options.command) {
     case Options::Command::Check:
         steps = {&Session::CheckDirectories, &Session::AwaitReady, &Session::CheckServer,
-                 &Session::ReportCheck};
+                 &Session::FindDamage, &Session::ReportCheck};
         break;
     case Options::Command::Download:
         steps = {&Session::CheckDirectories, &Session::TakeLocks,       &Session::AwaitReady,
@@ -74,26 +79,58 @@ void Session::Start()
                  &Session::VerifyTree,       &Session::Install,    &Session::Conclude};
         break;
     case Options::Command::Update:
-        steps = {&Session::CheckDirectories, &Session::TakeLocks,   &Session::RestoreBackup,
-                 &Session::AwaitReady,       &Session::CheckServer, &Session::PrepareDownload,
-                 &Session::Download,         &Session::KeepPackage, &Session::Restart,
-                 &Session::CheckAssembly,    &Session::VerifyTree,  &Session::Install,
-                 &Session::Conclude};
-        break;
     case Options::Command::Repair:
-    case Options::Command::Status:
+        steps = {&Session::CheckDirectories, &Session::TakeLocks,     &Session::RestoreBackup,
+                 &Session::AwaitReady,       &Session::CheckServer,   &Session::RequireSameVersion,
+                 &Session::FindDamage,       &Session::CheckAttempts, &Session::PrepareDownload,
+                 &Session::CountAttempt,     &Session::Download,      &Session::KeepPackage,
+                 &Session::Restart,          &Session::CheckAssembly, &Session::VerifyTree,
+                 &Session::Install,          &Session::Conclude};
+        break;
     case Options::Command::Verify:
         steps = {&Session::LoadPackage, &Session::VerifyTree, &Session::Conclude};
+        break;
+    case Options::Command::Status:
+        steps = {&Session::ReportStatus};
         break;
     }
     tree = options.download.isEmpty() ? options.application : options.download;
     Next();
 }
 
+void Session::JoinCheck()
+{
+    // Before the updater asks the server, and so before it looks at the application.
+    joining = true;
+    Start();
+    while (!finished && steps.constFirst() != &Session::AwaitReady)
+        (this->*steps.takeFirst())();
+    joining = false;
+    steps.remove(0, 2);
+    if (!finished)
+        AnnounceCheck();
+}
+
+bool Session::Swaps() const
+{
+    return options.command == Options::Command::Install ||
+           options.command == Options::Command::Update ||
+           options.command == Options::Command::Repair;
+}
+
+bool Session::Assembles() const
+{
+    return options.command == Options::Command::Download ||
+           options.command == Options::Command::Update ||
+           options.command == Options::Command::Repair;
+}
+
 void Session::Next()
 {
     // From the loop, never from inside a signal of the updater: a step may block or delete.
     awaited = Awaited::Nothing;
+    if (joining)
+        return;
     QMetaObject::invokeMethod(this, "RunStep", Qt::QueuedConnection);
 }
 
@@ -114,7 +151,9 @@ void Session::Finish(ExitStatus status, const QString& word)
     finished = true;
     awaited = Awaited::Nothing;
     console.EndProgress();
-    console.Data(QStringLiteral("result"), word.isEmpty() ? ResultWord(status) : word);
+    const QString result = word.isEmpty() ? ResultWord(status) : word;
+    RecordOutcome(status, result);
+    console.Data(QStringLiteral("result"), result);
     Q_EMIT done(int(status));
 }
 
@@ -131,10 +170,8 @@ void Session::Fail(const QString& reason, ExitStatus status)
 
 void Session::CheckDirectories()
 {
-    const bool swaps =
-        options.command == Options::Command::Install || options.command == Options::Command::Update;
-    const bool assembles = options.command == Options::Command::Download ||
-                           options.command == Options::Command::Update;
+    const bool swaps = Swaps();
+    const bool assembles = Assembles();
 
     QString reason = application.Violation();
     if (reason.isEmpty() && swaps)
@@ -142,11 +179,14 @@ void Session::CheckDirectories()
     if (reason.isEmpty() && !options.download.isEmpty())
         reason = download.Violation(application);
     if (reason.isEmpty() && (swaps || assembles))
-        reason = PackagePathViolation();
+        reason = FilePlaceViolation();
+    if (reason.isEmpty() && swaps && !options.config.isEmpty())
+        reason = ConfigFile::ReplaceProblem(options.config);
     if (reason.isEmpty() && assembles)
         reason = download.ClaimViolation();
     if (!reason.isEmpty())
         return Refuse(reason);
+    placesAreGood = true;
 
     if (options.command == Options::Command::Download) {
         const QString warning = application.SwapViolation();
@@ -156,14 +196,25 @@ void Session::CheckDirectories()
     Next();
 }
 
-QString Session::PackagePathViolation() const
+QString Session::FilePlaceViolation() const
 {
-    const QString resolved = ResolvedPath(options.xml);
+    const QString xml = ResolvedPath(options.xml);
+    const QString config = options.config.isEmpty() ? QString() : ResolvedPath(options.config);
     for (const QString& directory :
          {download.Path(), application.Path(), application.BackupPath()}) {
-        if (IsInside(resolved, ResolvedPath(directory)))
+        const QString place = ResolvedPath(directory);
+        if (IsInside(xml, place))
             return QStringLiteral("--xml '%1' lies inside '%2', which is cleared or replaced.")
                 .arg(options.xml, directory);
+        if (!config.isEmpty() && IsInside(config, place))
+            return QStringLiteral("--config '%1' lies inside '%2', which is cleared or replaced.")
+                .arg(options.config, directory);
+    }
+    for (const QString& written :
+         {options.xml, download.MarkerPath(), download.RecordPath(), download.LockPath()}) {
+        if (ResolvedPath(written) == config)
+            return QStringLiteral("'%1' is the configuration, and would be overwritten.")
+                .arg(written);
     }
     return QString();
 }
@@ -192,19 +243,17 @@ bool Session::Lock(std::unique_ptr<QLockFile>& lock, const QString& file, const 
 
 void Session::TakeLocks()
 {
-    const bool swaps = options.command != Options::Command::Download;
-    const QFileInfo info(application.Path());
-    const QString lockName =
-        info.absolutePath() + QStringLiteral("/.%1.kxupdate.lock").arg(info.fileName());
-    if (swaps && !Lock(applicationLock, lockName, application.Path(), true))
+    if (Swaps() && !Lock(applicationLock, application.LockPath(), application.Path(), true))
         return;
 
-    const bool assembles = options.command != Options::Command::Install;
-    if (assembles)
+    if (Assembles())
         QDir().mkpath(QFileInfo(download.Path()).absolutePath());
-    if (!Lock(downloadLock, download.MarkerPath() + QStringLiteral(".lock"), download.Path(),
-              assembles))
+    if (!Lock(downloadLock, download.LockPath(), download.Path(), Assembles()))
         return;
+    record = RunRecord(download.RecordPath());
+    // Who asks for it may have another try.
+    if (!options.watch)
+        record.ClearAttempts();
     Next();
 }
 
@@ -231,10 +280,15 @@ void Session::AwaitReady()
 
 void Session::CheckServer()
 {
+    AnnounceCheck();
+    updater->Check();
+}
+
+void Session::AnnounceCheck()
+{
     console.Message(QStringLiteral("Checking '%1' at %2 for '%3'.")
                         .arg(options.package, Shown(QUrl(options.url)), application.Path()));
     awaited = Awaited::Check;
-    updater->Check();
 }
 
 void Session::ReportCheck()
@@ -244,13 +298,17 @@ void Session::ReportCheck()
 
 void Session::PrepareDownload()
 {
-    const bool swaps = options.command == Options::Command::Update;
-    const QString space =
-        SpaceProblem(manifest, download.Path(), swaps ? application.Path() : QString());
-    if (!space.isEmpty())
-        return Refuse(space);
-
     QString problem = download.ClaimViolation();
+    if (!problem.isEmpty())
+        return Refuse(problem);
+    SpaceDemand demand;
+    demand.download = download.Path();
+    demand.freedBesideDownload = download.ClearedSize(manifest);
+    if (Swaps()) {
+        demand.application = application.Path();
+        demand.freedBesideApplication = application.LeftoverSize();
+    }
+    problem = SpaceProblem(manifest, demand);
     if (!problem.isEmpty())
         return Refuse(problem);
     problem = download.Claim();
@@ -276,7 +334,8 @@ void Session::KeepPackage()
 {
     console.EndProgress();
     QDir().mkpath(QFileInfo(options.xml).absolutePath());
-    const QString problem = packagefile::Write(options.xml, updater->PackageXML());
+    packageXml = updater->PackageXML();
+    const QString problem = packagefile::Write(options.xml, packageXml, updater->ServerVersion());
     if (!problem.isEmpty())
         return Fail(problem);
     console.Message(QStringLiteral("The new version is complete in '%1'.").arg(download.Path()));
@@ -305,6 +364,7 @@ void Session::LoadPackage()
         return Refuse(
             QStringLiteral("'%1' describes no files of a package '%2'.").arg(options.xml, name));
     updater->SetPackageName(name);
+    packageXml = xml;
     Next();
 }
 
@@ -322,7 +382,10 @@ void Session::CheckAssembly()
                                      "package lists: %2.")
                           .arg(download.Path(), Sample(hidden)) +
                       again);
-    const QString space = SpaceProblem(manifest, QString(), application.Path());
+    SpaceDemand demand;
+    demand.application = application.Path();
+    demand.freedBesideApplication = application.LeftoverSize();
+    const QString space = SpaceProblem(manifest, demand);
     if (!space.isEmpty())
         return Refuse(space);
     Next();
@@ -372,12 +435,17 @@ void Session::Conclude()
                           .arg(application.BackupPath()));
     if (canceling)
         console.Message(QStringLiteral("The swap was under way and has been finished."));
+    installedVersion = options.command == Options::Command::Install
+                           ? packagefile::Version(packageXml)
+                           : updater->ServerVersion();
+    KeepVersion();
+    RunProgram();
     if (options.command == Options::Command::Install) {
         console.Message(QStringLiteral("Installed in '%1'.").arg(application.Path()));
         return Finish(ExitStatus::Done, QStringLiteral("installed"));
     }
-    console.Message(QStringLiteral("'%1' now holds version %2.")
-                        .arg(application.Path(), updater->ServerVersion()));
+    console.Message(
+        QStringLiteral("'%1' now holds version %2.").arg(application.Path(), installedVersion));
     Finish(ExitStatus::Done, repair           ? QStringLiteral("repaired")
                              : hadApplication ? QStringLiteral("updated")
                                               : QStringLiteral("installed"));

@@ -3,8 +3,9 @@
 #include "applicationdirectory.h"
 #include "downloaddirectory.h"
 #include "exitstatus.h"
-#include "networkmonitor.h"
 #include "options.h"
+#include "runrecord.h"
+#include "updaterhost.h"
 
 #include <kxupdater/filescanner.h>
 #include <kxupdater/iupdater.h>
@@ -20,23 +21,34 @@ class Console;
 }
 
 /**
- * Runs one command: a row of steps, each of which ends by starting the next one or by finishing.
+ * Runs one command, or one round of a watch: a row of steps, each of which ends by starting the
+ * next one or by finishing.
  *
- *     Session session(options, console);
+ *     Session session(options, console, host);
  *     connect(&session, SIGNAL(done(int)), SLOT(OnDone(int)));
  *     session.Start();
  *
- * done() comes once, and is the last thing that happens. Needs an event loop; owner thread only.
+ * done() comes once, and is the last thing that happens. Locks are held as long as the object
+ * lives. Needs an event loop; owner thread only.
  */
 class Session : public QObject
 {
     Q_OBJECT
 public:
-    /** The console is not owned. */
-    Session(const Options& options, tools::Console& console, QObject* parent = nullptr);
+    /** Neither the console nor the host is owned. */
+    Session(const Options& options, tools::Console& console, UpdaterHost& host,
+            QObject* parent = nullptr);
     ~Session() override;
 
+    /** The updater is new, or waits. */
     void Start();
+    /** The updater has just begun a check by itself: call this inside its checking(). */
+    void JoinCheck();
+
+    /** The version that the application holds after a success; empty while it is not known. */
+    QString InstalledVersion() const { return installedVersion; }
+    /** False while, or because, the directories and files given cannot be used at all. */
+    bool PlacesAreGood() const { return placesAreGood; }
 
 public Q_SLOTS:
     /** Gives up, or once the application is being replaced, goes on to the end of the swap. */
@@ -59,6 +71,7 @@ private Q_SLOTS:
     void OnCanceled();
     void OnCheckError();
     void OnSlowCheck();
+    void OnSilent(int seconds);
     void OnError(int code, const QString& text);
     void OnStateChanged(const QString& name);
     void OnProgress(int percent);
@@ -66,6 +79,8 @@ private Q_SLOTS:
     void OnVerified(bool result);
     void OnScanned();
     void OnScanFailed(int code, const QString& text);
+    void OnDamageScanned();
+    void OnDownloadScanned();
 
 private:
     Q_DISABLE_COPY(Session)
@@ -83,6 +98,8 @@ private:
     };
 
     void ConnectUpdater();
+    bool Swaps() const;
+    bool Assembles() const;
     void Next();
     void Finish(ExitStatus status, const QString& word = QString());
     void Refuse(const QString& reason);
@@ -95,7 +112,11 @@ private:
     void AwaitReady();
     void CheckServer();
     void ReportCheck();
+    void RequireSameVersion();
+    void FindDamage();
+    void CheckAttempts();
     void PrepareDownload();
+    void CountAttempt();
     void Download();
     void KeepPackage();
     void Restart();
@@ -104,10 +125,21 @@ private:
     void VerifyTree();
     void Install();
     void Conclude();
+    void ReportStatus();
 
     bool Lock(std::unique_ptr<QLockFile>& lock, const QString& file, const QString& subject,
               bool mandatory);
-    QString PackagePathViolation() const;
+    QString FilePlaceViolation() const;
+    void AnnounceCheck();
+    void Scan(const QString& directory, const char* finishedSlot);
+    void FinishUpToDate();
+    void KeepVersion();
+    void RunProgram();
+    void RecordOutcome(ExitStatus status, const QString& word);
+    bool FailurePasses() const;
+    void ReportLock(const QString& name, const QString& file);
+    void ReportDownload();
+    void FinishStatus();
     void ReportVersions(const QString& verdict);
     void ShowProgress();
     void ReportDifferences();
@@ -118,8 +150,9 @@ private:
     const ApplicationDirectory application;
     const DownloadDirectory download;
 
-    NetworkMonitor manager;
-    std::unique_ptr<updater::IUpdater> updater;
+    UpdaterHost& host;
+    updater::IUpdater* const updater; // the host's
+    RunRecord record;
     std::unique_ptr<updater::FileScanner> scanner;
     std::unique_ptr<QLockFile> applicationLock;
     std::unique_ptr<QLockFile> downloadLock;
@@ -131,10 +164,15 @@ private:
     qint64 bytesBefore = 0; // received before the download began
     qint64 bytesReceived = 0;
     QList<ReportedError> errors;
-    QString tree;                // what VerifyTree() compares with the package
-    updater::FileList manifest;  // files of the package in hand
+    QString tree;               // what VerifyTree() compares with the package
+    updater::FileList manifest; // files of the package in hand
+    QString packageXml;         // of the same, once it is kept or read
+    QString installedVersion;
+    QString attemptKey;          // of the attempt that is counted
     bool repair = false;         // the server has the same version
     bool hadApplication = false; // when the swap began
+    bool placesAreGood = false;
+    bool joining = false; // in the check that the updater began
     bool swapBegan = false;
     bool canceling = false; // the user wants to end
     bool finished = false;

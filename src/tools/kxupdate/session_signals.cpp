@@ -73,7 +73,7 @@ void Session::OnActual()
         console.Message(QStringLiteral("--current says '%1', but the files are those of '%2'.")
                             .arg(options.current, updater->ServerVersion()));
     console.Message(QStringLiteral("Up to date."));
-    Finish(ExitStatus::Done, QStringLiteral("up-to-date"));
+    FinishUpToDate();
 }
 
 void Session::OnUpdateAvailable()
@@ -136,6 +136,11 @@ void Session::OnSlowCheck()
 {
     if (stateName == QLatin1String("QUERYING"))
         console.Message(QStringLiteral("    no answer yet; still trying, a few more seconds"));
+}
+
+void Session::OnSilent(int seconds)
+{
+    console.Message(QStringLiteral("    no data came for %1 seconds").arg(seconds));
 }
 
 void Session::OnError(int code, const QString& text)
