@@ -26,6 +26,7 @@ private Q_SLOTS:
     void SettingsComeFromTheFile();
     void CommandLineWins();
     void PathsOfTheCommandLineAreNotTakenFromTheFilesDirectory();
+    void VerifyChecksTheApplicationOfTheFile();
     void BadFilesNameTheirLine_data();
     void BadFilesNameTheirLine();
     void MissingSettingIsNamedForBoth();
@@ -103,6 +104,23 @@ void TstKxupdateConfig::PathsOfTheCommandLineAreNotTakenFromTheFilesDirectory()
                           QStringLiteral("app")}),
              process.Report());
     QVERIFY2(process.Status() == 0, process.Report());
+}
+
+void TstKxupdateConfig::VerifyChecksTheApplicationOfTheFile()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    site.WriteConfig(QStringLiteral("0"));
+    RunUpdate(site, site.Config());
+    kxtest::Remove(site.Next() + QStringLiteral("/share/new.txt"));
+    KxupdateProcess application;
+    QVERIFY2(application.Run(site.Configured(QStringLiteral("verify"))), application.Report());
+    QVERIFY2(application.Status() == 0, application.Report());
+    KxupdateProcess download;
+    QVERIFY2(download.Run(site.Configured(QStringLiteral("verify"),
+                                          {QStringLiteral("--download"), site.Next()})),
+             download.Report());
+    QVERIFY2(download.Status() == 5, download.Report());
 }
 
 void TstKxupdateConfig::BadFilesNameTheirLine_data()

@@ -35,6 +35,7 @@ private Q_SLOTS:
     void InterruptInTheSwapFinishesIt();
     void KilledProcessIsRepairedByTheNextOne_data();
     void KilledProcessIsRepairedByTheNextOne();
+    void KilledProcessLeavesTheConfigurationWhole();
     void InterruptBetweenTheStepsEndsTheCommand_data();
     void InterruptBetweenTheStepsEndsTheCommand();
 
@@ -269,6 +270,25 @@ void TstKxupdateFailures::KilledProcessIsRepairedByTheNextOne()
     QVERIFY2(again.Run(site.Command(QStringLiteral("update"))), again.Report());
     QVERIFY2(again.Status() == 0, again.Report());
     QCOMPARE(site.Installed(), site.Published(v2));
+}
+
+void TstKxupdateFailures::KilledProcessLeavesTheConfigurationWhole()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    site.WriteConfig(v1);
+    const QByteArray before = kxtest::Read(site.Config());
+    KxupdateProcess process;
+    process.InterruptAt(QStringLiteral("BACKUPCLEARING"), 1, SIGKILL);
+    QVERIFY2(!process.Run(site.Configured(QStringLiteral("update"))), process.Report());
+    QCOMPARE(site.Installed(), site.Published(v2));
+    QCOMPARE(kxtest::Read(site.Config()), before);
+
+    KxupdateProcess again;
+    QVERIFY2(again.Run(site.Configured(QStringLiteral("update"))), again.Report());
+    QVERIFY2(again.Status() == 0, again.Report());
+    QCOMPARE(kxtest::Read(site.Config()), QByteArray(before).replace("1.0", "2.0"));
 }
 
 void TstKxupdateFailures::InterruptBetweenTheStepsEndsTheCommand_data()

@@ -134,6 +134,16 @@ QString MissingOption(const NeedRow& row, const Options& options)
     return QString();
 }
 
+// A configuration names both directories: the one on the command line is meant, else the
+// application.
+void ChooseTree(const tools::CommandLine& line, Options& options)
+{
+    if (line.IsSet("download") && !line.IsSet("app"))
+        options.application.clear();
+    else if (!line.IsSet("download") && !options.application.isEmpty())
+        options.download.clear();
+}
+
 // Empty when the setting is absent or a number of the range, which `number` then holds.
 QString ReadNumber(const Sources& sources, const char* name, int least, int most, int& number)
 {
@@ -199,6 +209,10 @@ QString ReadOptions(const tools::CommandLine& line, Options& options)
         options.*setting.value = setting.isPath ? sources.Path(setting.option, setting.key)
                                                 : sources.Value(setting.option, setting.key);
     }
+    if (options.xml.isEmpty() && !options.download.isEmpty())
+        options.xml = options.download + QStringLiteral(".xml");
+    if (options.command == Command::Verify && !options.config.isEmpty())
+        ChooseTree(line, options);
     options.currentFromConfig = !options.config.isEmpty() && !line.IsSet("current");
     QString problem = MissingOption(*row, options);
     if (problem.isEmpty() && (row->needs & Url))
@@ -216,8 +230,6 @@ QString ReadOptions(const tools::CommandLine& line, Options& options)
 
     while (options.url.endsWith(u'/'))
         options.url.chop(1);
-    if (options.xml.isEmpty() && !options.download.isEmpty())
-        options.xml = options.download + QStringLiteral(".xml");
     options.watch = line.IsSet("watch");
     options.run = line.IsSet("run");
     options.quiet = line.IsSet("quiet");

@@ -97,7 +97,8 @@ QList<CommandSpec> Commands()
          {RunOption()}},
         {"verify", "compare --download (or --app) with the package that --xml describes",
          "Compares the download directory, or the application directory, with the package that "
-         "--xml describes, and names what differs."},
+         "--xml describes, and names what differs. With --config it is the application, unless "
+         "--download is given."},
         {"status", "tell what is there, without the network",
          "Tells what the configuration says, whether the application and a backup are there, who "
          "holds the locks, what the download directory holds, verified against the description "

@@ -5,6 +5,12 @@
 #include "exitstatus.h"
 #include "session.h"
 
+namespace {
+
+constexpr int longestWait = 2147483; // seconds: the updater's timer counts milliseconds in an int
+
+} // namespace
+
 Watch::Watch(const Options& options, tools::Console& console, QObject* parent)
     : QObject(parent),
       options(options),
@@ -85,7 +91,8 @@ void Watch::OnRoundDone(int status)
 
 void Watch::AwaitNextRound()
 {
-    console.Message(QStringLiteral("Checking again in %1 seconds.").arg(updater->CheckInterval()));
+    console.Message(QStringLiteral("Checking again in %1 seconds.")
+                        .arg(qMin(updater->CheckInterval(), longestWait)));
     // Only the way into WAITING starts the timer. A finished updater has stopped, and is started
     // again by Cancel().
     if (stateName == QLatin1String("SUCCESS"))
