@@ -59,6 +59,7 @@ private Q_SLOTS:
 
     void SpaceIsCountedPerVolume_data();
     void SpaceIsCountedPerVolume();
+    void VolumeThatIsMountedTwiceIsCountedOnce();
     void DownloadNeedsNoSpaceForTheSwap();
     void InstallNeedsNoSpaceForTheDownload();
     void WhatIsThereIsNotCountedAgain_data();
@@ -169,6 +170,21 @@ void TstKxupdateSpace::SpaceIsCountedPerVolume()
     QVERIFY(!kxtest::Exists(app));
     QVERIFY(!kxtest::Exists(first.At("cache/next")));
     QCOMPARE(site->Server().RequestCount(), 2); // the version and the manifest
+}
+
+void TstKxupdateSpace::VolumeThatIsMountedTwiceIsCountedOnce()
+{
+    const Volume volume(site->Path(QStringLiteral("one")), whole + 64 * kib);
+    const QString again = site->Path(QStringLiteral("two"));
+    kxtest::TreeBuilder mountPoint(again);
+    QCOMPARE(::mount(qPrintable(volume.At("")), qPrintable(again), nullptr, MS_BIND, nullptr), 0);
+    KxupdateProcess process;
+    const bool ended = process.Run(
+        Command(QStringLiteral("update"), again + QStringLiteral("/app"), volume.At("next")));
+    ::umount2(qPrintable(again), MNT_DETACH);
+    QVERIFY2(ended, process.Report());
+    QVERIFY2(process.Status() == 3, process.Report());
+    QCOMPARE(Told(process).section(u' ', 0, 0).toLongLong(), 2 * whole);
 }
 
 void TstKxupdateSpace::DownloadNeedsNoSpaceForTheSwap()

@@ -1,5 +1,7 @@
 #include "diskspace.h"
 
+#include "volume.h"
+
 #include <kxcommon/ifiledownload.h>
 
 #include <QDirIterator>
@@ -24,20 +26,31 @@ quint64 Subtract(quint64 sum, quint64 size)
     return size > sum ? 0 : sum - size;
 }
 
-QStorageInfo VolumeOf(QString path)
+// The path itself, or the nearest directory above it that exists.
+QString Existing(QString path)
 {
     while (!QFileInfo::exists(path) && path.contains(u'/')) {
         path.truncate(path.lastIndexOf(u'/'));
         if (path.isEmpty())
             path = QStringLiteral("/");
     }
-    return QStorageInfo(path);
+    return path;
 }
 
-// A device that is mounted in two places has its free space once.
-bool IsSame(const QStorageInfo& a, const QStorageInfo& b)
+QStorageInfo VolumeOf(const QString& path)
 {
-    return a == b || (a.device() == b.device() && a.device().startsWith("/dev/"));
+    return QStorageInfo(Existing(path));
+}
+
+// What is mounted in two places has its free space once; so have the parts of a device that look
+// like file systems of their own.
+bool IsShared(const QString& a, const QString& b)
+{
+    const QStorageInfo first = VolumeOf(a);
+    const QStorageInfo second = VolumeOf(b);
+    return first == second ||
+           (first.device() == second.device() && first.device().startsWith("/dev/")) ||
+           IsOneFileSystem(Existing(a), Existing(b));
 }
 
 quint64 BlockOf(const QStorageInfo& volume)
@@ -111,7 +124,7 @@ QString SpaceProblem(const updater::FileList& manifest, const SpaceDemand& deman
         return Problem(installed, forSwap);
     if (demand.application.isEmpty())
         return Problem(assembly, forDownload);
-    if (IsSame(assembly, installed))
+    if (IsShared(demand.download, demand.application))
         return Problem(assembly, Add(forDownload, forSwap));
     const QString problem = Problem(assembly, forDownload);
     return problem.isEmpty() ? Problem(installed, forSwap) : problem;
