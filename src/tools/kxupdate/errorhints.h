@@ -1,12 +1,19 @@
 #pragma once
 
-#include "exitstatus.h"
-
 #include <QString>
 
-/** True for codes that say that the server, or the way to it, is at fault. */
+/** What was seen of the network beside an error. */
+struct NetworkFinding
+{
+    QString webPage; //!< address of a web page that came instead of what was asked for, or empty
+    QString proxy;   //!< "host:port" of what the last failed request went through, or empty
+};
+
+/** True when the cause of the error lies with the server or the way to it. */
 bool IsServerError(int code);
 
-/** What the user can do about an error of the library; empty where nothing is obvious. `text` is
- *  the error's own. */
-QString ErrorHint(int code, const QString& text);
+/**
+ * What to do about an error, in a sentence or a few; `text` is the error's own text. Every code of
+ * the library has one.
+ */
+QString ErrorHint(int code, const QString& text, const NetworkFinding& finding = {});
