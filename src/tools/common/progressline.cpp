@@ -1,80 +1,100 @@
 #include "progressline.h"
 
+#include "textwidth.h"
+
 #include <QtGlobal>
 
 namespace tools {
 
 namespace {
 
-constexpr int barCells = 30;
-constexpr int plainStep = 25;
+// A log gets a line when this much more is done, but never two a second, or when this long nothing
+// was said.
+constexpr int logPercent = 10;
+constexpr qint64 logPauseMs = 1000;
+constexpr qint64 logSilenceMs = 10000;
+
+// A line that fills the last column wraps on some terminals and can no longer be erased.
+int Room(int width)
+{
+    return qMax(0, width - 1);
+}
 
 } // namespace
 
-ProgressLine::ProgressLine(int width) : width(width) {}
+ProgressLine::ProgressLine(bool terminal) : terminal(terminal) {}
 
-QString ProgressLine::Update(int percent, const QString& label)
+QString ProgressLine::Update(const ProgressFigures& next, int width, qint64 now)
 {
-    percent = qBound(0, percent, 100);
-    if (width <= 0) {
-        // The first and the last are shown, and one per step between them.
-        const int step = percent / plainStep;
-        if (lastPercent >= 0 && step == lastPercent / plainStep)
-            return QString();
-        lastPercent = percent;
-        return QStringLiteral("  %1%  %2\n").arg(percent, 3).arg(label);
+    figures = next;
+    figures.percent = qBound(0, next.percent, 100);
+    if (!terminal)
+        return LogLine(figures, now);
+
+    shown = true;
+    const QString text = ProgressLineText(figures, Room(width));
+    if (drawn > 0 && text == lineText)
+        return QString();
+    lineText = text;
+    const int columns = Columns(text);
+    // Over the old one: a line that is erased before it is drawn flickers.
+    const QString rest(qBound(0, qMin(drawn, Room(width)) - columns, Room(width)), u' ');
+    const QString start = drawn > 0 ? QStringLiteral("\r") : QString();
+    drawn = columns;
+    return start + text + rest;
+}
+
+QString ProgressLine::LogLine(const ProgressFigures& next, qint64 now)
+{
+    if (lineTime < 0) {
+        lineTime = now;
+        linePercent = next.percent < 100 ? next.percent : 0;
     }
-
-    const QString next = Bar(percent, label);
-    if (drawn && next == bar)
+    const bool complete = next.percent == 100 && linePercent < 100;
+    const bool due = next.percent - linePercent >= logPercent && now - lineTime >= logPauseMs;
+    const QString text = ProgressSentence(next);
+    if (!complete && !due && now - lineTime < logSilenceMs)
         return QString();
-    const QString erase = Erase();
-    lastPercent = percent;
-    bar = next;
-    drawn = true;
-    return erase + bar;
+    if (text == lineText)
+        return QString();
+    lineText = text;
+    linePercent = next.percent;
+    lineTime = now;
+    return text + u'\n';
 }
 
-QString ProgressLine::Erase()
+QString ProgressLine::Erase(int width)
 {
-    if (!drawn)
+    if (drawn == 0)
         return QString();
-    drawn = false;
     // Blanks instead of an escape sequence: every terminal understands them.
-    return u'\r' + QString(bar.size(), u' ') + u'\r';
+    const QString blanks(qMin(drawn, Room(width)), u' ');
+    drawn = 0;
+    return u'\r' + blanks + u'\r';
 }
 
-QString ProgressLine::Redraw()
+QString ProgressLine::Redraw(int width)
 {
-    if (drawn || bar.isEmpty())
+    if (!terminal || !shown || drawn > 0)
         return QString();
-    drawn = true;
-    return bar;
+    lineText = ProgressLineText(figures, Room(width));
+    drawn = Columns(lineText);
+    return lineText;
 }
 
 QString ProgressLine::Leave()
 {
-    drawn = false;
-    bar.clear();
-    return width > 0 ? QStringLiteral("\n") : QString();
+    Reset();
+    return terminal ? QStringLiteral("\n") : QString();
 }
 
 void ProgressLine::Reset()
 {
-    lastPercent = -1;
-    bar.clear();
-    drawn = false;
-}
-
-QString ProgressLine::Bar(int percent, const QString& label) const
-{
-    const int filled = percent * barCells / 100;
-    const QString text = QStringLiteral("  [%1%2] %3%  %4")
-                             .arg(QString(filled, u'#'), QString(barCells - filled, u'.'))
-                             .arg(percent, 3)
-                             .arg(label);
-    // A line that fills the last column wraps on some terminals and can no longer be erased.
-    return text.left(qMax(1, width - 1));
+    shown = false;
+    drawn = 0;
+    lineText.clear();
+    linePercent = 0;
+    lineTime = -1;
 }
 
 } // namespace tools

@@ -1,6 +1,6 @@
 #include "console.h"
 
-#include "common/console.h"
+#include "common/textconsole.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -15,7 +15,7 @@ namespace {
 struct Output
 {
     OutputStyle style;
-    std::unique_ptr<tools::Console> console = std::make_unique<tools::Console>(false);
+    std::unique_ptr<tools::TextConsole> console = std::make_unique<tools::TextConsole>(false);
     QJsonObject result;
     QJsonArray problems;
     QJsonArray warnings;
@@ -49,7 +49,7 @@ QString Escaped(uint value)
 void SetOutputStyle(const OutputStyle& style)
 {
     TheOutput().style = style;
-    TheOutput().console = std::make_unique<tools::Console>(style.quiet);
+    TheOutput().console = std::make_unique<tools::TextConsole>(style.quiet);
 }
 
 void Say(const QString& text)

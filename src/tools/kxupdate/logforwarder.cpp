@@ -1,8 +1,12 @@
 #include "logforwarder.h"
 
 #include "common/console.h"
+#include "logfile.h"
 
-LogForwarder::LogForwarder(tools::Console& console, int level) : console(console), level(level)
+LogForwarder::LogForwarder(tools::Console& console, LogFile& file, int level)
+    : console(console),
+      file(file),
+      level(level < 0 && file.IsOpen() ? int(common::logger::Info) : level)
 {
     common::logger::SetLogger(this);
 }
@@ -15,10 +19,12 @@ LogForwarder::~LogForwarder()
 void LogForwarder::Log(const common::logger::IMessage& message)
 {
     if (message.Level() <= level) {
-        console.Error(QStringLiteral("log %1 %2: %3")
-                          .arg(message.Level())
-                          .arg(QLatin1String(message.Category()), message.Text()));
-        return;
+        const QString line = QStringLiteral("%1 %2: %3")
+                                 .arg(message.Level())
+                                 .arg(QLatin1String(message.Category()), message.Text());
+        if (!file.IsOpen())
+            return console.Log(QStringLiteral("log ") + line);
+        file.Append(line);
     }
     const QLatin1String plan("PREPARING: ");
     if (message.Level() == common::logger::Info && message.Text().startsWith(plan) &&

@@ -2,20 +2,24 @@
 
 #include <kxcommon/logger.h>
 
+class LogFile;
 namespace tools {
 class Console;
 }
 
 /**
- * Prints the library's log messages up to a severity, and the lines of the plan always: they tell
- * how many files are copied, downloaded, linked and dropped. Installed as the process's logger as
- * long as it lives. Safe from any thread.
+ * Writes the library's log messages up to a severity to a file or the console, and tells the lines
+ * of the plan always: how many files are copied, downloaded, linked and dropped. Installed as the
+ * process's logger as long as it lives. Safe from any thread.
  */
 class LogForwarder : public common::logger::ILogger
 {
 public:
-    /** `level`: most verbose severity to print, -1 for none. The console is not owned. */
-    LogForwarder(tools::Console& console, int level);
+    /**
+     * `level`: most verbose severity to write; -1: none, but those of outcomes (6) when there is a
+     * file. `file`: where they go if it is open, else to the console. Neither is owned.
+     */
+    LogForwarder(tools::Console& console, LogFile& file, int level);
     ~LogForwarder() override;
 
     void Log(const common::logger::IMessage& message) override;
@@ -24,5 +28,6 @@ private:
     Q_DISABLE_COPY(LogForwarder)
 
     tools::Console& console;
+    LogFile& file;
     int level;
 };

@@ -1,10 +1,14 @@
 #include "common/commandline.h"
-#include "common/console.h"
 #include "common/terminal.h"
+#include "common/textconsole.h"
+#include "common/textwidth.h"
 #include "exitstatus.h"
 #include "interrupt.h"
+#include "jsonconsole.h"
+#include "logfile.h"
 #include "logforwarder.h"
 #include "options.h"
+#include "paths.h"
 #include "session.h"
 #include "updaterhost.h"
 #include "watch.h"
@@ -13,6 +17,7 @@
 #include <QNetworkProxyFactory>
 
 #include <cstdio>
+#include <memory>
 
 namespace {
 
@@ -22,7 +27,33 @@ void PrintQtMessage(QtMsgType type, const QMessageLogContext&, const QString& te
     if (type == QtDebugMsg || type == QtInfoMsg ||
         text.startsWith(QLatin1String("Detected locale")))
         return;
-    std::fprintf(stderr, "%s\n", qUtf8Printable(text));
+    std::fprintf(stderr, "%s\n", qUtf8Printable(tools::Printable(text)));
+}
+
+std::unique_ptr<tools::Console> MakeConsole(bool json, bool quiet)
+{
+    if (json)
+        return std::make_unique<JsonConsole>(quiet);
+    return std::make_unique<tools::TextConsole>(quiet);
+}
+
+// Why the log must not be where it is wanted: it would be scanned, cleared or replaced.
+QString LogPathViolation(const Options& options)
+{
+    const QString resolved = ResolvedPath(options.logFile);
+    for (const QString& directory : {options.application, options.download}) {
+        if (!directory.isEmpty() && IsInside(resolved, ResolvedPath(directory)))
+            return QStringLiteral("--log-file '%1' lies inside '%2', which is cleared or replaced.")
+                .arg(options.logFile, directory);
+    }
+    return QString();
+}
+
+int End(tools::Console& console, ExitStatus status, const QString& problem)
+{
+    console.Error(problem);
+    console.Result(ResultWord(status), int(status));
+    return int(status);
 }
 
 // Starts a Session or a Watch and runs until it is done.
@@ -39,8 +70,17 @@ int RunToTheEnd(QCoreApplication& app, Work& work)
 
 int Run(QCoreApplication& app, const Options& options)
 {
-    tools::Console console(options.quiet);
-    const LogForwarder logger(console, options.logLevel);
+    const std::unique_ptr<tools::Console> owned = MakeConsole(options.json, options.quiet);
+    tools::Console& console = *owned;
+    LogFile log;
+    if (!options.logFile.isEmpty()) {
+        QString problem = LogPathViolation(options);
+        if (problem.isEmpty())
+            problem = log.Open(options.logFile);
+        if (!problem.isEmpty())
+            return End(console, ExitStatus::Refused, problem);
+    }
+    const LogForwarder logger(console, log, options.logLevel);
     if (options.watch) {
         Watch watch(options, console);
         return RunToTheEnd(app, watch);
@@ -76,7 +116,10 @@ int main(int argc, char** argv)
         problem = line.Problem();
         break;
     }
-    std::fprintf(stderr, "kxupdate: %s; %s\n", qUtf8Printable(problem),
-                 qUtf8Printable(line.HelpHint()));
+    problem += QStringLiteral("; ") + line.HelpHint();
+    // The line was not understood, but who writes this word wants no other answer.
+    if (QCoreApplication::arguments().contains(QStringLiteral("--json")))
+        return End(*MakeConsole(true, false), ExitStatus::Usage, problem);
+    tools::TextConsole(false).Error(QStringLiteral("kxupdate: ") + problem);
     return int(ExitStatus::Usage);
 }

@@ -27,13 +27,6 @@ QNetworkReply* NetworkMonitor::createRequest(Operation operation, const QNetwork
                                              QIODevice* body)
 {
     QNetworkReply* reply = QNetworkAccessManager::createRequest(operation, request, body);
-    connect(reply, &QNetworkReply::downloadProgress, this,
-            [this, before = qint64(0)](qint64 bytes, qint64) mutable {
-                // A redirected reply begins again.
-                total += bytes < before ? bytes : bytes - before;
-                before = bytes;
-                Q_EMIT received(total);
-            });
     if (timeout > 0) {
         const auto* clock = new TransferClock(reply, timeout);
         connect(clock, &TransferClock::expired, this, [this] { Q_EMIT silent(timeout); });

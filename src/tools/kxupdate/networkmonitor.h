@@ -9,9 +9,7 @@ QT_END_NAMESPACE
 struct Options;
 
 /**
- * A network manager that counts what arrives, and applies the settings of the network to every
- * request. The updater tells how many files are done; this tells that a large one is under way.
- * Owner thread only.
+ * A network manager that applies the settings of the network to every request. Owner thread only.
  */
 class NetworkMonitor : public QNetworkAccessManager
 {
@@ -21,8 +19,6 @@ public:
     explicit NetworkMonitor(const Options& options, QObject* parent = nullptr);
 
 Q_SIGNALS:
-    /** Bytes of all replies since the manager was made, some ten times a second and transfer. */
-    void received(qint64 bytes);
     /** A reply brought nothing for the `seconds` of --timeout and is given up. */
     void silent(int seconds);
 
@@ -34,5 +30,4 @@ private:
     Q_DISABLE_COPY(NetworkMonitor)
 
     const int timeout; // seconds; 0: the library's own
-    qint64 total = 0;
 };

@@ -6,6 +6,8 @@
 #include "packagefile.h"
 #include "paths.h"
 
+#include <kxupdater/transferprogress.h>
+
 #include <QDir>
 #include <QFileInfo>
 
@@ -27,6 +29,8 @@ Session::Session(const Options& options, tools::Console& console, UpdaterHost& h
       download(options.download),
       host(host),
       updater(host.updater.get()),
+      diagnosis(host.manager, QUrl(options.url)),
+      transfer(std::make_unique<updater::TransferProgress>(host.updater.get())),
       record(options.download.isEmpty() ? QString() : download.RecordPath())
 {
     updater->SetPackageName(options.package);
@@ -55,8 +59,8 @@ void Session::ConnectUpdater()
     connect(&host, SIGNAL(error(int, const QString&)), SLOT(OnError(int, const QString&)));
     connect(source, SIGNAL(stateChanged(const QString&)), SLOT(OnStateChanged(const QString&)));
     connect(source, SIGNAL(progress(int)), SLOT(OnProgress(int)));
-    connect(&host.manager, SIGNAL(received(qint64)), SLOT(OnReceived(qint64)));
     connect(&host.manager, SIGNAL(silent(int)), SLOT(OnSilent(int)));
+    connect(transfer.get(), SIGNAL(changed()), SLOT(OnTransferChanged()));
     connect(source, SIGNAL(localUpdateVerificationFinished(bool)), SLOT(OnVerified(bool)));
 }
 
@@ -153,7 +157,7 @@ void Session::Finish(ExitStatus status, const QString& word)
     console.EndProgress();
     const QString result = word.isEmpty() ? ResultWord(status) : word;
     RecordOutcome(status, result);
-    console.Data(QStringLiteral("result"), result);
+    console.Result(result, int(status));
     Q_EMIT done(int(status));
 }
 
@@ -402,11 +406,7 @@ void Session::VerifyTree()
 void Session::Install()
 {
     hadApplication = application.Exists();
-    const QStringList unlisted = application.Unlisted(manifest);
-    if (!unlisted.isEmpty())
-        console.Message(QStringLiteral("Not part of the new version, so dropped with the old one: "
-                                       "%1.")
-                            .arg(Sample(unlisted)));
+    console.Dropped(application.Unlisted(manifest));
     awaited = Awaited::Install;
     updater->Install();
 }
@@ -430,9 +430,10 @@ void Session::Conclude()
 
     console.EndProgress();
     if (application.BackupExists())
-        console.Error(QStringLiteral("The old version could not be removed whole. What is left of "
-                                     "it is in '%1'; remove it.")
-                          .arg(application.BackupPath()));
+        console.Warning(
+            QStringLiteral("The old version could not be removed whole. What is left of "
+                           "it is in '%1'; remove it.")
+                .arg(application.BackupPath()));
     if (canceling)
         console.Message(QStringLiteral("The swap was under way and has been finished."));
     installedVersion = options.command == Options::Command::Install

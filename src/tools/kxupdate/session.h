@@ -3,6 +3,7 @@
 #include "applicationdirectory.h"
 #include "downloaddirectory.h"
 #include "exitstatus.h"
+#include "networkdiagnosis.h"
 #include "options.h"
 #include "runrecord.h"
 #include "updaterhost.h"
@@ -18,6 +19,9 @@
 
 namespace tools {
 class Console;
+}
+namespace updater {
+class TransferProgress;
 }
 
 /**
@@ -75,7 +79,7 @@ private Q_SLOTS:
     void OnError(int code, const QString& text);
     void OnStateChanged(const QString& name);
     void OnProgress(int percent);
-    void OnReceived(qint64 bytes);
+    void OnTransferChanged();
     void OnVerified(bool result);
     void OnScanned();
     void OnScanFailed(int code, const QString& text);
@@ -152,6 +156,8 @@ private:
 
     UpdaterHost& host;
     updater::IUpdater* const updater; // the host's
+    NetworkDiagnosis diagnosis;
+    std::unique_ptr<updater::TransferProgress> transfer;
     RunRecord record;
     std::unique_ptr<updater::FileScanner> scanner;
     std::unique_ptr<QLockFile> applicationLock;
@@ -160,9 +166,7 @@ private:
     QList<Step> steps;
     Awaited awaited = Awaited::Nothing;
     QString stateName;
-    int percent = 0;        // of the assembly, then of the swap
-    qint64 bytesBefore = 0; // received before the download began
-    qint64 bytesReceived = 0;
+    int percent = 0; // of the assembly, then of the swap, as the updater counts them
     QList<ReportedError> errors;
     QString tree;               // what VerifyTree() compares with the package
     updater::FileList manifest; // files of the package in hand

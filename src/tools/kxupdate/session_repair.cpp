@@ -5,12 +5,6 @@
 #include "common/console.h"
 #include "treereport.h"
 
-namespace {
-
-constexpr int shown = 20;
-
-} // namespace
-
 void Session::Scan(const QString& directory, const char* finishedSlot)
 {
     awaited = Awaited::Scan;
@@ -43,7 +37,6 @@ void Session::OnDamageScanned()
 {
     if (awaited != Awaited::Scan)
         return;
-    for (const QString& line : TreeDifferences(scanner->Files(), manifest, shown))
-        console.Data(QStringLiteral("difference"), line);
+    console.Differences(TreeDifferences(scanner->Files(), manifest));
     Next();
 }

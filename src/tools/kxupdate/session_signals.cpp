@@ -9,14 +9,39 @@
 
 #include <kxcommon/version.h>
 #include <kxupdater/errors.h>
+#include <kxupdater/transferprogress.h>
 
-#include <QLocale>
 #include <QTimer>
 
 namespace {
 
 // The updater tries three times, 5 s apart, and says nothing before the last.
 constexpr int slowCheckMs = 3000;
+
+// The updater counts files, so that a large one among small ones would stand at 99 % for long.
+void AddTransfer(const updater::TransferProgress& transfer, tools::ProgressFigures& figures)
+{
+    const quint64 bytes = transfer.BytesTotal();
+    const int files = transfer.FilesTotal();
+    if (files == 0)
+        return;
+    figures.filesDone = transfer.FilesDone();
+    figures.filesTotal = files;
+    figures.bytesDone = qint64(transfer.BytesDone());
+    figures.bytesTotal = qint64(bytes);
+    if (figures.filesDone < files) {
+        figures.bytesPerSecond = qint64(transfer.BytesPerSecond());
+        figures.secondsLeft = transfer.SecondsLeft();
+    }
+    const QList<updater::TransferProgress::FileProgress> active = transfer.ActiveFiles();
+    if (!active.isEmpty())
+        figures.file = active.first().name;
+
+    const double share = bytes > 0 ? double(transfer.BytesDone()) / double(bytes)
+                                   : double(figures.filesDone) / files;
+    // What has come still has to be checked and put into place.
+    figures.percent = figures.filesDone == files ? 100 : qMin(99, int(share * 100));
+}
 
 } // namespace
 
@@ -27,14 +52,14 @@ void Session::Interrupt()
     console.BreakLine();
     // From here on only the end of the swap leaves a whole application in place.
     if (swapBegan) {
-        console.Error(QStringLiteral("The application is being replaced: finishing that first."));
+        console.Warning(QStringLiteral("The application is being replaced: finishing that first."));
         canceling = true;
         return;
     }
     if (canceling)
         return;
     canceling = true;
-    console.Error(QStringLiteral("Canceling."));
+    console.Warning(QStringLiteral("Canceling."));
 
     switch (awaited) {
     case Awaited::Check:
@@ -151,11 +176,13 @@ void Session::OnError(int code, const QString& text)
     if (code == updater::DownloadAborted && (canceling || !errors.isEmpty()))
         return;
     errors.append({code, text, stateName});
-    console.Error(QStringLiteral("Error %1: %2").arg(code).arg(text));
+    console.Failure(code, text, ErrorHint(code, text, diagnosis.Finding()));
 }
 
 void Session::OnStateChanged(const QString& name)
 {
+    if (stateName == QLatin1String("DOWNLOADING"))
+        ShowProgress();
     stateName = name;
     if (IsSwapState(name))
         swapBegan = true;
@@ -164,13 +191,12 @@ void Session::OnStateChanged(const QString& name)
         QTimer::singleShot(slowCheckMs, this, SLOT(OnSlowCheck()));
     if (description.isEmpty())
         return;
-    console.Message(QStringLiteral("  %1 %2").arg(name, -16).arg(description));
-    // One bar spans the assembly, another one the swap; what lies between them has none.
-    if (!swapBegan && name != QLatin1String("DOWNLOADING")) {
+    // One bar spans the swap; the steps before it have one each, or none.
+    if (!swapBegan) {
         console.EndProgress();
         percent = 0;
-        bytesBefore = bytesReceived;
     }
+    console.State(name, description);
 }
 
 void Session::OnProgress(int done)
@@ -179,29 +205,26 @@ void Session::OnProgress(int done)
     ShowProgress();
 }
 
-void Session::OnReceived(qint64 bytes)
+void Session::OnTransferChanged()
 {
-    bytesReceived = bytes;
     if (stateName == QLatin1String("DOWNLOADING"))
         ShowProgress();
 }
 
 void Session::ShowProgress()
 {
-    QString label = StateDescription(stateName);
+    tools::ProgressFigures figures;
+    figures.step = StepName(stateName);
+    figures.percent = percent;
     if (stateName == QLatin1String("DOWNLOADING"))
-        label += QStringLiteral(", %1 received")
-                     .arg(QLocale::c().formattedDataSize(bytesReceived - bytesBefore, 1));
-    console.Progress(percent, label);
+        AddTransfer(*transfer, figures);
+    console.Progress(figures);
 }
 
 void Session::OnFailed()
 {
     console.EndProgress();
     const ReportedError first = errors.value(0);
-    const QString hint = ErrorHint(first.code, first.text);
-    if (!hint.isEmpty())
-        console.Error(hint);
 
     switch (awaited) {
     case Awaited::Check:
@@ -260,7 +283,10 @@ void Session::OnVerified(bool result)
     const QStringList hidden = checksDownload ? download.HiddenEntries() : QStringList();
     if (hidden.isEmpty())
         return Next();
-    console.Data(QStringLiteral("difference"), QStringLiteral("unexpected %1").arg(Sample(hidden)));
+    QList<tools::Difference> differences;
+    for (const QString& name : hidden)
+        differences.append({QStringLiteral("unexpected"), name});
+    console.Differences(differences);
     Fail(QStringLiteral("'%1' holds hidden entries that no package lists.").arg(tree),
          ExitStatus::VerificationFailed);
 }
@@ -278,11 +304,9 @@ void Session::ReportDifferences()
 
 void Session::OnScanned()
 {
-    constexpr int shown = 20;
     if (awaited != Awaited::Scan)
         return;
-    for (const QString& line : TreeDifferences(scanner->Files(), manifest, shown))
-        console.Data(QStringLiteral("difference"), line);
+    console.Differences(TreeDifferences(scanner->Files(), manifest));
     QString text = QStringLiteral("'%1' is not what the package describes.").arg(tree);
     if (options.command != Options::Command::Verify)
         text += QStringLiteral(" The application is untouched.");
@@ -295,6 +319,7 @@ void Session::OnScanFailed(int code, const QString& text)
 {
     if (awaited != Awaited::Scan)
         return;
-    console.Error(QStringLiteral("Error %1: %2").arg(code).arg(text));
-    Fail(ErrorHint(code, text), ExitStatus::VerificationFailed);
+    console.Failure(code, text, ErrorHint(code, text));
+    Fail(QStringLiteral("What differs in '%1' cannot be told.").arg(tree),
+         ExitStatus::VerificationFailed);
 }

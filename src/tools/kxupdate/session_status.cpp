@@ -8,8 +8,6 @@
 
 namespace {
 
-constexpr int shown = 20;
-
 const QString unknown = QStringLiteral("unknown");
 
 QString Word(bool first, const char* one, const char* other)
@@ -111,13 +109,12 @@ void Session::OnDownloadScanned()
 {
     if (awaited != Awaited::Scan)
         return;
-    QStringList differences = TreeDifferences(scanner->Files(), manifest, shown);
-    for (const QString& name : download.HiddenEntries().mid(0, shown))
-        differences.append(QStringLiteral("unexpected %1").arg(name));
+    QList<tools::Difference> differences = TreeDifferences(scanner->Files(), manifest);
+    for (const QString& name : download.HiddenEntries())
+        differences.append({QStringLiteral("unexpected"), name});
     console.Data(QStringLiteral("download-state"),
                  Word(differences.isEmpty(), "complete", "unfinished"));
-    for (const QString& line : std::as_const(differences))
-        console.Data(QStringLiteral("difference"), line);
+    console.Differences(differences);
     FinishStatus();
 }
 

@@ -2,33 +2,34 @@
 
 #include <QHash>
 
-QStringList TreeDifferences(const updater::FileList& found, const updater::FileList& manifest,
-                            int limit)
+#include <algorithm>
+#include <tuple>
+
+QList<tools::Difference> TreeDifferences(const updater::FileList& found,
+                                         const updater::FileList& manifest)
 {
     QHash<QString, updater::File> present;
     for (const updater::File& file : found)
         present.insert(file.Name(), file);
 
-    QStringList lines;
+    QList<tools::Difference> differences;
     for (const updater::File& file : manifest) {
         const auto position = present.constFind(file.Name());
         if (position == present.constEnd()) {
-            lines.append(QStringLiteral("missing %1").arg(file.Name()));
+            differences.append({QStringLiteral("missing"), file.Name()});
             continue;
         }
         // The updater takes digests letter for letter; a tree it rejects must not look right here.
         if (!(*position == file) || position->MD5() != file.MD5())
-            lines.append(QStringLiteral("changed %1").arg(file.Name()));
+            differences.append({QStringLiteral("changed"), file.Name()});
         present.erase(position);
     }
     for (const updater::File& file : present)
-        lines.append(QStringLiteral("unexpected %1").arg(file.Name()));
+        differences.append({QStringLiteral("unexpected"), file.Name()});
 
-    lines.sort();
-    const qsizetype more = lines.size() - limit;
-    if (more > 0) {
-        lines = lines.mid(0, limit);
-        lines.append(QStringLiteral("and %1 more").arg(more));
-    }
-    return lines;
+    std::sort(differences.begin(), differences.end(),
+              [](const tools::Difference& a, const tools::Difference& b) {
+                  return std::tie(a.kind, a.name) < std::tie(b.kind, b.name);
+              });
+    return differences;
 }

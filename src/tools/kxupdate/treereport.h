@@ -1,13 +1,11 @@
 #pragma once
 
+#include "common/console.h"
+
 #include <kxupdater/file.h>
 
-#include <QString>
-#include <QStringList>
+#include <QList>
 
-/**
- * How a scanned tree differs from what a manifest lists, one line an entry, at most `limit` and a
- * count of the rest: "missing NAME", "changed NAME", "unexpected NAME".
- */
-QStringList TreeDifferences(const updater::FileList& found, const updater::FileList& manifest,
-                            int limit);
+/** How a scanned tree differs from what a manifest lists, in the order of kinds and names. */
+QList<tools::Difference> TreeDifferences(const updater::FileList& found,
+                                         const updater::FileList& manifest);
