@@ -55,6 +55,7 @@ const SettingRow settingRows[] = {
     {"xml", "xml", 0, &Options::xml, true},
     {"proxy", "proxy", 0, &Options::proxy, false},
     {"ca-file", "ca-file", 0, &Options::caFile, true},
+    {"log-file", "log-file", 0, &Options::logFile, true},
 };
 
 // The settings of the command line, and behind them those of the configuration.
@@ -232,6 +233,7 @@ QString ReadOptions(const tools::CommandLine& line, Options& options)
         options.url.chop(1);
     options.watch = line.IsSet("watch");
     options.run = line.IsSet("run");
+    options.json = line.IsSet("json");
     options.quiet = line.IsSet("quiet");
     return QString();
 }

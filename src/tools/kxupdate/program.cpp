@@ -124,6 +124,13 @@ const tools::ProgramSpec& Program()
             Settings() +
             QList<OptionSpec>{
                 {"log-level", "N", "Forward the library's messages up to severity N, 0 to 7."},
+                {"log-file", "FILE",
+                 "Append the library's messages to this file instead of printing them, each with "
+                 "its time; up to severity 6 if --log-level is not given.",
+                 OptionSpec::Optional, Completion::File},
+                {"json", nullptr,
+                 "Print one JSON object a line on stdout, instead of messages and data, while it "
+                 "goes on. The last one is the result."},
                 {"quiet", nullptr, "Print only errors and data.", OptionSpec::Optional,
                  Completion::None, "", "q"},
             };
