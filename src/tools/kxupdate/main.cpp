@@ -1,3 +1,4 @@
+#include "applicationdirectory.h"
 #include "common/commandline.h"
 #include "common/terminal.h"
 #include "common/textconsole.h"
@@ -41,7 +42,10 @@ std::unique_ptr<tools::Console> MakeConsole(bool json, bool quiet)
 QString LogPathViolation(const Options& options)
 {
     const QString resolved = ResolvedPath(options.logFile);
-    for (const QString& directory : {options.application, options.download}) {
+    const ApplicationDirectory application(options.application);
+    for (const QString& directory :
+         {application.Path(), application.Path().isEmpty() ? QString() : application.BackupPath(),
+          options.download}) {
         if (!directory.isEmpty() && IsInside(resolved, ResolvedPath(directory)))
             return QStringLiteral("--log-file '%1' lies inside '%2', which is cleared or replaced.")
                 .arg(options.logFile, directory);
