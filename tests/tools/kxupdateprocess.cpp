@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <linux/securebits.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -62,6 +63,7 @@ void KxupdateProcess::Start(const QStringList& arguments)
         ::grantpt(master);
         ::unlockpt(master);
         slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC);
+        Resize(columns);
     }
     process.setChildProcessModifier([this] {
         if (powerless && ::geteuid() == 0 &&
@@ -107,6 +109,21 @@ bool KxupdateProcess::AwaitErrors(const QString& text, int times)
         timeoutMs);
 }
 
+void KxupdateProcess::Resize(int width)
+{
+    struct winsize size = {};
+    size.ws_col = static_cast<unsigned short>(width);
+    size.ws_row = 24;
+    ::ioctl(master, TIOCSWINSZ, &size);
+}
+
+void KxupdateProcess::Read()
+{
+    ReadTerminal();
+    output += QString::fromUtf8(process.readAllStandardOutput());
+    errors += QString::fromUtf8(process.readAllStandardError());
+}
+
 bool KxupdateProcess::Wait()
 {
     const bool ended = QTest::qWaitFor(
@@ -115,9 +132,7 @@ bool KxupdateProcess::Wait()
             return process.state() == QProcess::NotRunning;
         },
         timeoutMs);
-    ReadTerminal();
-    output += QString::fromUtf8(process.readAllStandardOutput());
-    errors += QString::fromUtf8(process.readAllStandardError());
+    Read();
     return ended && process.exitStatus() == QProcess::NormalExit;
 }
 

@@ -21,8 +21,14 @@ public:
     void LimitFileSize(qint64 bytes) { fileSize = bytes; }
     /** Sends itself the signal `times` times when it has printed `text`. */
     void InterruptAt(const QString& text, int times, int number);
-    /** Its stderr is a terminal; Errors() then holds what came there. */
-    void UseTerminal() { terminal = true; }
+    /** Its stderr is a terminal of that width; Errors() then holds what came there. */
+    void UseTerminal(int width = 120)
+    {
+        terminal = true;
+        columns = width;
+    }
+    /** Changes the width of the terminal under the running process. */
+    void Resize(int width);
 
     /** Starts without stdin, stdout and stderr. */
     void CloseStreams() { closed = true; }
@@ -35,6 +41,8 @@ public:
     bool AwaitOutput(const QString& text, int times = 1);
     /** The same for stderr. */
     bool AwaitErrors(const QString& text, int times = 1);
+    /** Takes in what has been printed so far. */
+    void Read();
     /** Waits until it ends; false when it does not, or crashes. */
     bool Wait();
     bool Run(const QStringList& arguments);
@@ -42,6 +50,7 @@ public:
     /** What stands behind a file descriptor of the running process. */
     QString OpenFile(int descriptor) const;
     qint64 Id() const { return process.processId(); }
+    bool IsRunning() const { return process.state() != QProcess::NotRunning; }
     int Status() const { return process.exitCode(); }
     QString Output() const { return output; }
     QString Errors() const { return errors; }
@@ -60,6 +69,7 @@ private:
     bool powerless = false;
     qint64 fileSize = -1;
     bool terminal = false;
+    int columns = 0;
     bool closed = false;
     int master = -1;
     int slave = -1;
