@@ -3,7 +3,7 @@
 #include "treebuilder.h"
 #include "updatesite.h"
 
-#include <QDateTime>
+#include <QDir>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -100,6 +100,7 @@ private Q_SLOTS:
     void TextsArriveAsTheyWere();
     void LogLinesStayOffStdout();
     void DocumentListsWhatIsPrinted();
+    void DocumentListsTheData();
 
 private:
     /** Runs and looks at the result line; its members count as printed. */
@@ -124,9 +125,14 @@ QList<QJsonObject> TstKxupdateJson::Ended(KxupdateProcess& process)
         Text(lines.last(), "type") != QLatin1String("result") ||
         Number(lines.last(), "exit") != process.Status())
         return {};
+    QStringList data;
     for (const QJsonObject& line : lines) {
-        for (const QString& member : line.keys())
-            printed.insert(Text(line, "type") + u' ' + member);
+        if (Text(line, "type") == QLatin1String("data"))
+            data.append(Text(line, "name"));
+        for (const QString& member : line.keys()) {
+            if (Text(line, "type") != QLatin1String("result") || !data.contains(member))
+                printed.insert(Text(line, "type") + u' ' + member);
+        }
     }
     return lines;
 }
@@ -396,6 +402,33 @@ void TstKxupdateJson::DocumentListsWhatIsPrinted()
     stale.sort();
     QCOMPARE(missing, QStringList());
     QCOMPARE(stale, QStringList());
+}
+
+void TstKxupdateJson::DocumentListsTheData()
+{
+    // Some come in rare places only, so the sources are asked.
+    const QRegularExpression call(
+        QStringLiteral("(?:[dD]ata|ReportLock)\\((?:QStringLiteral\\(|QLatin1String\\()?\"([a-z-]+)\""));
+    QSet<QString> written;
+    const QDir sources(QStringLiteral(KX_SOURCE_DIR "/src/tools/kxupdate"));
+    for (const QString& name : sources.entryList({QStringLiteral("*.cpp")})) {
+        const QString text = QString::fromUtf8(kxtest::Read(sources.filePath(name)));
+        for (auto match = call.globalMatch(text); match.hasNext();)
+            written.insert(match.next().captured(1));
+    }
+    const QString text =
+        QString::fromUtf8(kxtest::Read(QStringLiteral(KX_SOURCE_DIR "/docs/kxupdate-json.md")))
+            .section(QStringLiteral("| Datum |"), 1);
+    const QRegularExpression row(QStringLiteral("^\\| ((?:`[a-z-]+`(?:, )?)+) \\|"),
+                                 QRegularExpression::MultilineOption);
+    QSet<QString> listed;
+    for (auto match = row.globalMatch(text); match.hasNext();) {
+        for (const QString& name : match.next().captured(1).split(QStringLiteral(", ")))
+            listed.insert(QString(name).remove(u'`'));
+    }
+    QVERIFY(written.size() > 10);
+    QCOMPARE((written - listed).values(), QStringList());
+    QCOMPARE((listed - written).values(), QStringList());
 }
 
 QTEST_GUILESS_MAIN(TstKxupdateJson)

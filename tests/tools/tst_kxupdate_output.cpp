@@ -201,6 +201,10 @@ void TstKxupdateOutput::LogFileIsRefusedWhenItCannotBeWritten_data()
                                                << "lies inside";
     QTest::newRow("in the backup") << "app.old/log"
                                    << "lies inside";
+    QTest::newRow("the description") << "next.xml"
+                                     << "of another purpose";
+    QTest::newRow("the mark of the download directory") << "next.kxupdate"
+                                                        << "of another purpose";
     QTest::newRow("without the right") << "locked"
                                        << "cannot be opened: Permission denied";
 }

@@ -3,6 +3,7 @@
 #include "common/terminal.h"
 #include "common/textconsole.h"
 #include "common/textwidth.h"
+#include "downloaddirectory.h"
 #include "exitstatus.h"
 #include "interrupt.h"
 #include "jsonconsole.h"
@@ -49,6 +50,13 @@ QString LogPathViolation(const Options& options)
         if (!directory.isEmpty() && IsInside(resolved, ResolvedPath(directory)))
             return QStringLiteral("--log-file '%1' lies inside '%2', which is cleared or replaced.")
                 .arg(options.logFile, directory);
+    }
+    const DownloadDirectory download(options.download);
+    for (const QString& file : {options.xml, options.config, download.MarkerPath(),
+                                download.RecordPath(), download.LockPath()}) {
+        if (!file.isEmpty() && resolved == ResolvedPath(file))
+            return QStringLiteral("--log-file '%1' is a file of another purpose.")
+                .arg(options.logFile);
     }
     return QString();
 }
