@@ -407,8 +407,8 @@ void TstKxupdateJson::DocumentListsWhatIsPrinted()
 void TstKxupdateJson::DocumentListsTheData()
 {
     // Some come in rare places only, so the sources are asked.
-    const QRegularExpression call(
-        QStringLiteral("(?:[dD]ata|ReportLock)\\((?:QStringLiteral\\(|QLatin1String\\()?\"([a-z-]+)\""));
+    const QRegularExpression call(QStringLiteral(
+        "(?:[dD]ata|ReportLock)\\((?:QStringLiteral\\(|QLatin1String\\()?\"([a-z-]+)\""));
     QSet<QString> written;
     const QDir sources(QStringLiteral(KX_SOURCE_DIR "/src/tools/kxupdate"));
     for (const QString& name : sources.entryList({QStringLiteral("*.cpp")})) {
