@@ -375,7 +375,7 @@ void TestKxpublishOptions::ProgressIsDrawnOnATerminalOnly()
     QByteArray drawn(65536, '\0');
     drawn.truncate(qMax<ssize_t>(0, ::read(terminal, drawn.data(), size_t(drawn.size()))));
     ::close(terminal);
-    const QRegularExpression line(S("\\rhashing, \\d of 2 files, \\d+%"));
+    const QRegularExpression line(S("\\r  \\[[#.]+\\] +\\d+%  hashing, \\d of 2 files"));
     QVERIFY2(QString::fromUtf8(drawn).contains(line), drawn.constData());
     // The last message stands on a line of its own.
     QVERIFY(drawn.contains("\r"
