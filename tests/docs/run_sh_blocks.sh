@@ -21,8 +21,9 @@ fail() {
 
 for document in "$@"; do
     name=$(basename "$document")
-    unmarked=$(awk '/^```/ { inside = !inside; next }
-        !inside && /^    (sudo |\$ )?(kxpublish|kxupdate|apt|apt-get|systemctl|rclone|curl|nginx|caddy) / { print FILENAME ":" FNR ": " $0 }
+    unmarked=$(awk '/^```/ { inside = !inside; shell = inside && /^```sh/; next }
+        !shell && /^ *(sudo |\$ )?(kxpublish|kxupdate|apt|apt-get|systemctl|rclone|rsync|curl|cmake|ctest) [a-z-]/ && (inside || /^    /) {
+            print FILENAME ":" FNR ": " $0 }
         ' "$document")
     [ -z "$unmarked" ] || fail "shell code outside of a block marked 'sh':"$'\n'"$unmarked"
     unreasoned=$(grep -nE '^```(sh not-run:? *$|bash|shell|console|sh +[^n ])' "$document" || true)
