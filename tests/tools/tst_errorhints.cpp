@@ -1,4 +1,4 @@
-#include "errorhints.h"
+#include "output/errorhints.h"
 
 #include <kxcommon/errors.h>
 #include <kxupdater/errors.h>

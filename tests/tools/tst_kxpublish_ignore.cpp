@@ -1,4 +1,4 @@
-#include "ignorerules.h"
+#include "source/ignorerules.h"
 #include "treebuilder.h"
 
 #include <QMap>

@@ -3,7 +3,7 @@
 #include "treebuilder.h"
 #include "updatesite.h"
 
-#include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -410,9 +410,10 @@ void TstKxupdateJson::DocumentListsTheData()
     const QRegularExpression call(QStringLiteral(
         "(?:[dD]ata|ReportLock)\\((?:QStringLiteral\\(|QLatin1String\\()?\"([a-z-]+)\""));
     QSet<QString> written;
-    const QDir sources(QStringLiteral(KX_SOURCE_DIR "/src/tools/kxupdate"));
-    for (const QString& name : sources.entryList({QStringLiteral("*.cpp")})) {
-        const QString text = QString::fromUtf8(kxtest::Read(sources.filePath(name)));
+    QDirIterator sources(QStringLiteral(KX_SOURCE_DIR "/src/tools/kxupdate"),
+                         {QStringLiteral("*.cpp")}, QDir::Files, QDirIterator::Subdirectories);
+    while (sources.hasNext()) {
+        const QString text = QString::fromUtf8(kxtest::Read(sources.next()));
         for (auto match = call.globalMatch(text); match.hasNext();)
             written.insert(match.next().captured(1));
     }

@@ -1,7 +1,7 @@
 #include "httptestserver.h"
 #include "transfertuning.h"
 
-#include "kxupdate/transferclock.h"
+#include "kxupdate/network/transferclock.h"
 
 #include <kxcommon/errors.h>
 #include <kxcommon/ihttprequest.h>

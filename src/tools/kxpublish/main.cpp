@@ -1,6 +1,6 @@
 #include "commands.h"
-#include "console.h"
 #include "interrupt.h"
+#include "output/console.h"
 
 #include "common/commandline.h"
 #include "common/terminal.h"

@@ -1,8 +1,8 @@
 #include "options.h"
 
 #include "common/commandline.h"
-#include "configfile.h"
-#include "networksettings.h"
+#include "files/configfile.h"
+#include "network/networksettings.h"
 
 #include <QDir>
 #include <QSslCertificate>
