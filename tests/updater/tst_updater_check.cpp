@@ -87,6 +87,8 @@ private Q_SLOTS:
     void VersionFailureIsNoCheckError();
     void ManifestFailureIsACheckErrorPerTry_data();
     void ManifestFailureIsACheckErrorPerTry();
+    void CutCompressedManifestIsAskedForAgain_data();
+    void CutCompressedManifestIsAskedForAgain();
     void FailedCheckCanBeRepeated();
     void StaleQueryMovesNothing_data();
     void StaleQueryMovesNothing();
@@ -449,6 +451,39 @@ void TestUpdaterCheck::ManifestFailureIsACheckErrorPerTry()
     QCOMPARE(site.server.RequestCount(site.ManifestPath("2.0")),
              code == 0 ? int(replies.size()) + 1 : 3);
     QCOMPARE(site.server.RequestCount(site.VersionPath()), 1);
+}
+
+void TestUpdaterCheck::CutCompressedManifestIsAskedForAgain_data()
+{
+    QTest::addColumn<Reply::Framing>("framing");
+    QTest::newRow("with its length") << Reply::Framing::Length;
+    QTest::newRow("chunked") << Reply::Framing::Chunked;
+    QTest::newRow("ended by the connection") << Reply::Framing::UntilClose;
+}
+
+// Qt may take such a reply for whole: half a list must not come of it.
+void TestUpdaterCheck::CutCompressedManifestIsAskedForAgain()
+{
+    QFETCH(Reply::Framing, framing);
+    const ShortRetries shortRetries;
+    UpdaterSite site;
+    for (int i = 0; i < 100; ++i)
+        site.base.File(QStringLiteral("fresh/%1").arg(i), QByteArray::number(i));
+    const updater::FileList files = site.Publish("2.0");
+    const QString manifest =
+        kxtest::ManifestFor("demo", site.server.Url("/files").toString(), {}, files);
+    Reply whole = Reply::Body(qCompress(manifest.toUtf8()).mid(4));
+    whole.headers.emplaceBack("Content-Encoding", "deflate");
+    whole.framing = framing;
+    Reply cut = whole;
+    cut.fault = Reply::Fault::Truncate;
+    cut.faultAt = whole.body->size() / 2;
+    site.server.Enqueue(site.ManifestPath("2.0"), cut);
+    site.server.Enqueue(site.ManifestPath("2.0"), whole);
+    QVERIFY(site.Start());
+    QVERIFY(site.Run("Check", "AVAILABLE"));
+    QCOMPARE(site.server.RequestCount(site.ManifestPath("2.0")), 2);
+    QCOMPARE(site.updater->PackageXML().count("<file "), 100);
 }
 
 void TestUpdaterCheck::FailedCheckCanBeRepeated()

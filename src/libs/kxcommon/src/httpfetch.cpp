@@ -40,11 +40,12 @@ HttpFetch::~HttpFetch()
     Close();
 }
 
-QNetworkRequest HttpFetch::MakeRequest(const QUrl& url, bool alwaysAskNetwork)
+QNetworkRequest HttpFetch::MakeRequest(const QUrl& url, bool alwaysAskNetwork, Packing packing)
 {
     QNetworkRequest request(url);
-    // Bytes are compared with a size and a digest, so nothing on the way may pack them.
-    request.setRawHeader("Accept-Encoding", "identity");
+    // Without this header Qt asks for every encoding that it can unpack, and unpacks it.
+    if (packing == Packing::Never)
+        request.setRawHeader("Accept-Encoding", "identity");
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
                          QNetworkRequest::ManualRedirectPolicy);
     // Qt's HTTP/2 ignores the limit of the read buffer, and costs small files a round trip more.
@@ -154,6 +155,10 @@ void HttpFetch::OnHead()
         discarding = true;
         return;
     }
+    if (IsLeftPacked()) {
+        End(EncodingError(Header("Content-Encoding")));
+        return;
+    }
     Q_EMIT headReceived();
 }
 
@@ -162,13 +167,13 @@ void HttpFetch::OnData()
     const QPointer<HttpFetch> self(this);
     const QPointer<QNetworkReply> current(reply);
     OnHead();
-    if (!self || !current || reply != current)
+    if (!self || over || !current || reply != current)
         return;
     if (!discarding) {
         Q_EMIT dataReceived();
         return;
     }
-    discarded += reply->readAll().size();
+    discarded += reply->read(mostDiscarded + 1 - discarded).size();
     if (discarded > mostDiscarded)
         OnFinished();
 }
@@ -215,6 +220,19 @@ void HttpFetch::Follow()
         request.setUrl(target);
         Get();
     }
+}
+
+// A body that was allowed to be packed, and is in a way that Qt did not undo.
+bool HttpFetch::IsLeftPacked() const
+{
+    const QByteArray encoding = Header("Content-Encoding").trimmed().toLower();
+    if (request.hasRawHeader("Accept-Encoding") || encoding.isEmpty() || encoding == "identity")
+        return false;
+    // An access manager may have put its own header in, and then Qt unpacks nothing.
+    if (reply->request().hasRawHeader("Accept-Encoding"))
+        return true;
+    // Qt can be built without the last two.
+    return encoding != "gzip" && encoding != "deflate" && encoding != "br" && encoding != "zstd";
 }
 
 void HttpFetch::End(const TransferError& result)

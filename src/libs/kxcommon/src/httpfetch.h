@@ -19,8 +19,8 @@ namespace common::http {
  *
  * A reply that is not a redirect and no error gives headReceived(), then dataReceived() any number
  * of times; ended() comes once and last. The reply stays readable after ended(), until Close().
- * A chunked reply that is cut may end without an error, as Qt does not always see it: the reader
- * has to know its data.
+ * A chunked or compressed reply that is cut may end without an error, as Qt does not always see it:
+ * the reader has to know its data.
  * Nothing is emitted from inside Start(), and nothing after Close(). May be deleted, closed and
  * started again inside each of its signals. Owner thread only.
  */
@@ -31,8 +31,13 @@ public:
     HttpFetch(QNetworkAccessManager* manager, QObject* parent);
     ~HttpFetch() override;
 
+    /** Whether the server may send the body compressed; what it sends is unpacked while it comes.
+     */
+    enum class Packing { Never, Allowed };
+
     /** A request with what every transfer asks for. */
-    static QNetworkRequest MakeRequest(const QUrl& url, bool alwaysAskNetwork);
+    static QNetworkRequest MakeRequest(const QUrl& url, bool alwaysAskNetwork,
+                                       Packing packing = Packing::Never);
 
     /** `bytes`: how much of the reply is held in memory before the server has to wait; 0: all. */
     void SetBufferSize(qint64 bytes) { bufferSize = bytes; }
@@ -46,7 +51,7 @@ public:
 
     int Status() const { return status; }
     QByteArray Header(const char* name) const;
-    /** Of the body as announced; -1 when it is not. */
+    /** Of the body as announced; -1 when it is not, and when the body is being unpacked. */
     qint64 ContentLength() const;
     qint64 BytesAvailable() const;
     QByteArray Read(qint64 most);
@@ -65,6 +70,7 @@ private:
     void OnFinished();
     void OnClock();
     void Follow();
+    bool IsLeftPacked() const;
     void End(const TransferError& result);
     void ReleaseReply();
 

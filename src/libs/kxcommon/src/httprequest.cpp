@@ -4,6 +4,8 @@
 
 #include <kxcommon/errors.h>
 
+#include <QStringDecoder>
+
 #include <new>
 
 namespace common::http {
@@ -25,6 +27,13 @@ int CodeOf(TransferError::Kind kind)
     default:
         return HttpRequestNetwork;
     }
+}
+
+bool IsUtf8(const QByteArray& text)
+{
+    QStringDecoder decoder(QStringDecoder::Utf8);
+    const QString decoded = decoder(text);
+    return !decoder.hasError();
 }
 
 } // namespace
@@ -49,7 +58,7 @@ bool HttpRequest::Send()
     running = true;
     sentUrl = url;
     body.clear();
-    fetch.Start(HttpFetch::MakeRequest(url, askNetwork), timeout);
+    fetch.Start(HttpFetch::MakeRequest(url, askNetwork, HttpFetch::Packing::Allowed), timeout);
     return true;
 }
 
@@ -68,9 +77,17 @@ void HttpRequest::OnHead()
 
 void HttpRequest::OnData()
 {
-    body += fetch.Read(fetch.BytesAvailable());
-    if (body.size() > Tuning().largestReply)
+    if (!Take())
         FailTooLarge();
+}
+
+// False when there is more than is allowed. A little data can unpack to very much, so no more is
+// unpacked than it takes to see that.
+bool HttpRequest::Take()
+{
+    const qint64 most = Tuning().largestReply;
+    body += fetch.Read(most + 1 - body.size());
+    return body.size() <= most;
 }
 
 void HttpRequest::OnEnded()
@@ -80,8 +97,7 @@ void HttpRequest::OnEnded()
         Fail(CodeOf(error.kind), error.reason);
         return;
     }
-    body += fetch.Read(fetch.BytesAvailable());
-    if (body.size() > Tuning().largestReply) {
+    if (!Take()) {
         FailTooLarge();
         return;
     }
@@ -89,6 +105,12 @@ void HttpRequest::OnEnded()
         Fail(HttpRequestNetwork, QStringLiteral("Connection closed after %1 of %2 bytes")
                                      .arg(body.size())
                                      .arg(fetch.ContentLength()));
+        return;
+    }
+    // Qt can be built without these two, and does not tell. What is still packed is not UTF-8.
+    const QByteArray encoding = fetch.Header("Content-Encoding").trimmed().toLower();
+    if ((encoding == "br" || encoding == "zstd") && !IsUtf8(body)) {
+        Fail(HttpRequestNetwork, EncodingError(encoding).reason);
         return;
     }
     const QString reply = QString::fromUtf8(body);

@@ -30,6 +30,7 @@ private:
     void OnHead();
     void OnData();
     void OnEnded();
+    bool Take();
     void Fail(int code, const QString& reason);
     void FailTooLarge();
 

@@ -9,6 +9,8 @@ namespace {
 
 using Kind = TransferError::Kind;
 
+constexpr int longestEncoding = 40; // of a text that the server chose
+
 struct ProxyUse
 {
     QString names;       // empty when the server is asked directly
@@ -116,6 +118,12 @@ TransferError ErrorOf(const QNetworkReply& reply, const QNetworkAccessManager* m
         result.passing = true;
         result.closed = error == QNetworkReply::RemoteHostClosedError;
         break;
+    case QNetworkReply::UnknownContentError:
+        // Qt gives no reason, and refuses with the same error what unpacks out of all proportion.
+        result.kind = Kind::Network;
+        result.reason = QStringLiteral(
+            "the compressed reply is damaged, or unpacks to far more than it should");
+        break;
     default:
         result.kind = Kind::Network;
         break;
@@ -131,6 +139,16 @@ TransferError TimeoutError(int seconds)
     result.kind = Kind::Timeout;
     result.passing = true;
     result.reason = QStringLiteral("no data came for %1 seconds").arg(seconds);
+    return result;
+}
+
+TransferError EncodingError(const QByteArray& encoding)
+{
+    TransferError result;
+    result.kind = Kind::Network;
+    result.reason =
+        QStringLiteral("the reply has the content encoding '%1', which was not asked for")
+            .arg(QString::fromLatin1(encoding.trimmed().left(longestEncoding)));
     return result;
 }
 

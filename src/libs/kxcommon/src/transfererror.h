@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 #include <QUrl>
 
@@ -29,6 +30,9 @@ TransferError ErrorOf(const QNetworkReply& reply, const QNetworkAccessManager* m
 
 /** The failure of a transfer that got no data for so long. */
 TransferError TimeoutError(int seconds);
+
+/** The failure of a body that is packed in a way that cannot be undone; `encoding` as it came. */
+TransferError EncodingError(const QByteArray& encoding);
 
 /** The failure of a redirect that is not followed. */
 TransferError RedirectError(const QString& reason);

@@ -10,7 +10,8 @@ enum ErrorCode : int {
     // HTTP request, by IHttpRequest::requestError
     HttpRequestTimeout = 610101,  //!< no data came for the allowed number of seconds
     HttpRequestStatus = 610102,   //!< the server answered with a status of 400 or above
-    HttpRequestNetwork = 610103,  //!< the server was not found, refused, or cut the connection
+    HttpRequestNetwork = 610103,  //!< the server was not found, refused, cut the connection,
+                                  //!< or sent a reply that cannot be unpacked
     HttpRequestTooLarge = 610104, //!< the reply is larger than 64 MiB
     HttpRequestRedirect = 610105, //!< a redirect to another scheme, from https to http, or a loop
     HttpRequestProxy = 610106,    //!< the proxy refused, was not found, or wants credentials

@@ -28,7 +28,16 @@ namespace common::http {
  * Every successful Send() is followed by exactly one of the two signals, unless Abort() or the
  * destructor comes first. Redirects are followed, but never from https to http nor to another
  * scheme. A status of 400 or above and a reply larger than 64 MiB are errors. The body is decoded
- * as UTF-8. The object may be reused after each outcome, from inside the slot too, and may be
+ * as UTF-8.
+ *
+ * The server is told that it may compress the body (gzip, deflate, and what else Qt was built
+ * with), unless the manager sets "Accept-Encoding" itself. The body is unpacked while it comes; the
+ * limit is of what it unpacks to. A reply that is damaged, that grows out of all proportion, or
+ * that is packed in a way that was not asked for is an error. A compressed reply that is cut may
+ * count as complete, since Qt does not always see it: the text is then short, so its reader has to
+ * know where it ends.
+ *
+ * The object may be reused after each outcome, from inside the slot too, and may be
  * deleted at any moment, which ends the request silently. Owner thread only.
  */
 class KXCOMMON_EXPORT IHttpRequest : public QObject
