@@ -446,6 +446,28 @@ void TestKxpublishVerify::FaultsOfTheNetworkAreFound_data()
     row("manifest that is huge", with(index, Reply::DeclaredLength(64 * 1024 * 1024 + 1)),
         {bad + S("'%1/packages/demo-app-v1/windows/x64/index.xml': has more than the expected "
                  "67108864 bytes")});
+    // What is read is what clients get, not what a server has for those who want it unpacked.
+    const auto packed = [](const QByteArray& body) {
+        Reply answer = Reply::Body(body);
+        answer.headers.append(qMakePair(QByteArray("Content-Encoding"), QByteArray("deflate")));
+        return answer;
+    };
+    const QByteArray page = qCompress("<html>hello</html>").mid(4);
+    row("packed manifest that is damaged", with(index, packed(page.chopped(1) + 'x')),
+        {bad + S("'%1/packages/demo-app-v1/windows/x64/index.xml': the compressed reply is "
+                 "damaged, or unpacks to far more than it should")});
+    row("packed manifest that is huge",
+        with(index, packed(qCompress(QByteArray(65 * 1024 * 1024, ' ')).mid(4))),
+        {bad + S("'%1/packages/demo-app-v1/windows/x64/index.xml': the compressed reply is "
+                 "damaged, or unpacks to far more than it should")});
+    row("packed reply that is huge", with(reply, packed(qCompress(QByteArray(70000, ' ')).mid(4))),
+        {S("bad: '%1/packages/version.xml': has more than the expected 65536 bytes")});
+    row("packed reply", with(reply, packed(qCompress("<version>1</version>").mid(4))), {});
+    Reply other = Reply::Body("<version>1</version>");
+    other.headers.append(qMakePair(QByteArray("Content-Encoding"), QByteArray("compr\033ess")));
+    row("reply packed as nobody asked for", with(reply, other),
+        {S("bad: '%1/packages/version.xml': the reply has the content encoding 'compr\\x1bess', "
+           "which was not asked for")});
     row("long life in caches", with(reply, cached("s-maxage=301")),
         {S("warning: '%1/packages/version.xml': caches may answer with it for 301 seconds")});
     row("short life in caches", with(reply, cached("max-age=300")), {});

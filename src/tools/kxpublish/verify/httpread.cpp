@@ -39,7 +39,8 @@ void HttpRead::Start(const QUrl& url, quint64 newMost, bool keep)
     size = 0;
     keepBody = keep;
     onlyHead = false;
-    fetch.Start(HttpFetch::MakeRequest(url, true), timeoutSeconds);
+    const auto packing = keep ? HttpFetch::Packing::Allowed : HttpFetch::Packing::Never;
+    fetch.Start(HttpFetch::MakeRequest(url, true, packing), timeoutSeconds);
 }
 
 void HttpRead::StartRange(const QUrl& url)
@@ -77,7 +78,9 @@ void HttpRead::OnData()
 
 bool HttpRead::Take()
 {
-    const QByteArray data = fetch.Read(fetch.BytesAvailable());
+    // No more is unpacked than it takes to see that there is too much.
+    const quint64 wanted = qMin(most - size, quint64(fetch.BytesAvailable())) + 1;
+    const QByteArray data = fetch.Read(qint64(wanted));
     size += quint64(data.size());
     if (size > most) {
         Finish(TooMuch(most));

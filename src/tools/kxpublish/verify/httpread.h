@@ -12,7 +12,8 @@ namespace publish {
 /**
  * Reads one reply after the other as clients do, into a size and a digest. Keeps the body only when
  * asked to, holds a megabyte of it otherwise, and stops as soon as there is more than was expected.
- * May be started again inside done().
+ * A body that is kept may come compressed, as clients allow it for version reply and manifest; it
+ * is unpacked, and size and digest are of what it unpacks to. May be started again inside done().
  */
 class HttpRead : public QObject
 {
