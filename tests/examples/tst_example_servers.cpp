@@ -58,6 +58,8 @@ private Q_SLOTS:
     void OnlyReadingIsAllowed();
     void OnlyManifestsArePacked_data();
     void OnlyManifestsArePacked();
+    void ClientGetsThePackedManifest_data() { AddServers(); }
+    void ClientGetsThePackedManifest();
     void LongestPathIsNotRefused_data() { AddServers(); }
     void LongestPathIsNotRefused();
     void KxupdateUpdatesAndResumes_data() { AddServers(); }
@@ -307,6 +309,29 @@ void TestExampleServers::OnlyManifestsArePacked()
     // Part of a packed text would be put behind part of a plain one.
     const HttpExchange part = Exchange(Server().Url(path), {{"Range", "bytes=10-"}});
     QVERIFY(part.status == 206 && part.body == plain.mid(10));
+}
+
+void TestExampleServers::ClientGetsThePackedManifest()
+{
+    // A server of its own, with nobody else's requests in the log.
+    const QString root = site->Root();
+    const std::unique_ptr<ExampleServer> server =
+        IsNginx() ? std::unique_ptr<ExampleServer>(new NginxExample(root))
+                  : std::unique_ptr<ExampleServer>(new CaddyExample(root));
+    QVERIFY2(server->StartExample(), qPrintable(server->Error()));
+    KxupdateProcess check;
+    QVERIFY2(check.Run({S("check"), S("--url"), server->Url(), S("--package"), S("demo-app"),
+                        S("--current"), S("0"), S("--app"), home->Path(S("installed"))}),
+             check.Report());
+    QVERIFY2(check.Data(S("server")) == S("1.0"), check.Report());
+    const QRegularExpression line(IsNginx() ? S("index\\.xml HTTP/1\\.1\" 200 (\\d+) ")
+                                            : S("index\\.xml\".*\"size\":(\\d+),\"status\":200"));
+    const auto sent = [&] {
+        return line.match(QString::fromUtf8(server->AccessLog())).captured(1).toLongLong();
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(sent() > 0, waitMs);
+    const qint64 plain = QFile(site->Path(BuildPath(S("1.0")) + S("index.xml"))).size();
+    QVERIFY2(sent() < plain / 2, QByteArray::number(sent()));
 }
 
 void TestExampleServers::LongestPathIsNotRefused()
