@@ -456,6 +456,16 @@ void TestKxpublishVerify::FaultsOfTheNetworkAreFound_data()
     row("packed manifest that is damaged", with(index, packed(page.chopped(1) + 'x')),
         {bad + S("'%1/packages/demo-app-v1/windows/x64/index.xml': the compressed reply is "
                  "damaged, or unpacks to far more than it should")});
+    // Longer, packed and unpacked, than what is held in memory.
+    const QByteArray noise = HttpTestServer::GeneratedBytes(0, 65521).toHex();
+    QByteArray comments;
+    for (int i = 0; i < 100; ++i)
+        comments += "<!--" + noise.mid(i * 13) + noise.left(i * 13) + "-->";
+    row("packed manifest that is long", with(index, packed(qCompress(comments, 0).mid(4))),
+        {bad + S("'%1/packages/demo-app-v1/windows/x64/index.xml': not a manifest with files of "
+                 "demo-app")});
+    row("packed reply that is long", with(reply, packed(qCompress(comments, 0).mid(4))),
+        {S("bad: '%1/packages/version.xml': has more than the expected 65536 bytes")});
     row("packed manifest that is huge",
         with(index, packed(qCompress(QByteArray(65 * 1024 * 1024, ' ')).mid(4))),
         {bad + S("'%1/packages/demo-app-v1/windows/x64/index.xml': the compressed reply is "
