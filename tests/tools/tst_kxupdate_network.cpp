@@ -30,6 +30,7 @@ class TstKxupdateNetwork : public QObject
 private Q_SLOTS:
     void ProxyIsAsked();
     void ProxyLoginIsSentAndNeverShown();
+    void LoginOfTheServerIsNeverShown();
     void ProxyOfTheSystemIsUsedUnlessSwitchedOff();
     void SocksProxyIsAsked();
     void CertificateFileIsTrusted();
@@ -74,6 +75,25 @@ void TstKxupdateNetwork::ProxyLoginIsSentAndNeverShown()
              "Basic " + QByteArray("me:s@cret").toBase64());
     QVERIFY2(process.Errors().contains(QStringLiteral("wants credentials")), process.Report());
     QVERIFY2(!process.Report().contains("cret"), process.Report());
+}
+
+void TstKxupdateNetwork::LoginOfTheServerIsNeverShown()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    const QString url =
+        site.Url().replace(QStringLiteral("http://"), QStringLiteral("http://me:secret@"));
+    KxupdateProcess process;
+    QVERIFY2(process.Run(Replace(
+                 site.Command(QStringLiteral("check"), v1, {QStringLiteral("--log-level=7")}),
+                 QStringLiteral("--url"), url)),
+             process.Report());
+    QVERIFY2(process.Status() == 10, process.Report());
+    QVERIFY2(process.Errors().contains(QStringLiteral("Setting URL 'http://me@")),
+             process.Report());
+    QVERIFY2(!process.Output().contains(QStringLiteral("secret")), process.Report());
+    QVERIFY2(!process.Errors().contains(QStringLiteral("secret")), process.Report());
 }
 
 void TstKxupdateNetwork::ProxyOfTheSystemIsUsedUnlessSwitchedOff()

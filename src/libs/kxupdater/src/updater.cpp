@@ -13,6 +13,7 @@
 #include <kxupdater/package.h>
 
 #include <QDir>
+#include <QUrl>
 
 #include <limits>
 
@@ -79,7 +80,8 @@ void Updater::SetURL(const QString& url)
         return;
     }
     package->SetURL(QStringLiteral("%1/%2").arg(url, packagesSegment));
-    KX_LOG_STATE(Info) << "Setting URL '" << url << "'.";
+    // Without the password of a login: logs are kept, and read by others.
+    KX_LOG_STATE(Info) << "Setting URL '" << QUrl(url).toDisplayString() << "'.";
 }
 
 QString Updater::URL() const
