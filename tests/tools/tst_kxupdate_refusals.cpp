@@ -6,7 +6,10 @@
 #include <kxcommon/ifiledownload.h>
 #include <kxupdater/build.h>
 
+#include <QDateTime>
 #include <QDir>
+#include <QFile>
+#include <QProcess>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -19,6 +22,13 @@ QStringList Replace(QStringList arguments, const QString& option, const QString&
 {
     arguments[arguments.indexOf(option) + 1] = value;
     return arguments;
+}
+
+// Whoever opens it to read waits for a writer.
+void MakePipe(const QString& path)
+{
+    if (QProcess::execute(QStringLiteral("mkfifo"), {path}) != 0)
+        qFatal("cannot make '%s'", qPrintable(path));
 }
 
 } // namespace
@@ -39,6 +49,11 @@ private Q_SLOTS:
     void UnwritableDownloadDirectoryIsRefusedBeforeDownloading();
     void TooLittleSpaceIsRefusedBeforeDownloading();
     void SecondProcessOnTheSameApplicationIsRefused();
+    void ForeignLockFileIsRefused_data();
+    void ForeignLockFileIsRefused();
+    void LockFileWithoutAnOwnerStandsInNobodysWay_data();
+    void LockFileWithoutAnOwnerStandsInNobodysWay();
+    void MarkerThatIsNoFileIsRefused();
 
     void ClearingKeepsOnlyWhatThePackageLists();
     void ClearingNeverFollowsLinks();
@@ -297,6 +312,84 @@ void TstKxupdateRefusals::SecondProcessOnTheSameApplicationIsRefused()
     QVERIFY2(first.Wait(), first.Report());
     QVERIFY2(first.Status() == 0, first.Report());
     QCOMPARE(site.Installed(), site.Published(v2));
+}
+
+void TstKxupdateRefusals::ForeignLockFileIsRefused_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<bool>("pipe");
+    QTest::newRow("pipe for the application") << ".app.kxupdate.lock" << true;
+    QTest::newRow("pipe for the download") << "next.kxupdate.lock" << true;
+    QTest::newRow("link for the application") << ".app.kxupdate.lock" << false;
+    QTest::newRow("link for the download") << "next.kxupdate.lock" << false;
+}
+
+void TstKxupdateRefusals::ForeignLockFileIsRefused()
+{
+    QFETCH(QString, name);
+    QFETCH(bool, pipe);
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    if (pipe)
+        MakePipe(site.Path(name));
+    else
+        kxtest::TreeBuilder(site.Path(QStringLiteral("."))).Symlink(name, "nowhere");
+
+    KxupdateProcess process;
+    QVERIFY2(process.Run(site.Command(QStringLiteral("update"))), process.Report());
+    QVERIFY2(process.Status() == 3, process.Report());
+    QVERIFY2(process.Errors().contains(name) && process.Errors().contains("remove it"),
+             process.Report());
+    QCOMPARE(site.Server().RequestCount(), 0);
+    KxupdateProcess status;
+    QVERIFY2(status.Run(site.Command(QStringLiteral("status"))), status.Report());
+    QVERIFY2(status.Status() == 0, status.Report());
+    QCOMPARE(status.Data(name.startsWith(u'.') ? "application-lock" : "download-lock"),
+             QStringLiteral("unusable"));
+}
+
+void TstKxupdateRefusals::LockFileWithoutAnOwnerStandsInNobodysWay_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QByteArray>("content");
+    QTest::newRow("empty, of the application") << ".app.kxupdate.lock" << QByteArray();
+    QTest::newRow("empty, of the download") << "next.kxupdate.lock" << QByteArray();
+    QTest::newRow("zeros, of the application") << ".app.kxupdate.lock" << QByteArray(60, '\0');
+}
+
+void TstKxupdateRefusals::LockFileWithoutAnOwnerStandsInNobodysWay()
+{
+    QFETCH(QString, name);
+    QFETCH(QByteArray, content);
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    // What a power cut leaves of a lock that was being written.
+    kxtest::Write(site.Path(name), content);
+    QFile file(site.Path(name));
+    QVERIFY(file.open(QIODevice::ReadWrite));
+    QVERIFY(file.setFileTime(QDateTime::currentDateTime().addSecs(-60),
+                             QFileDevice::FileModificationTime));
+    file.close();
+
+    KxupdateProcess process;
+    QVERIFY2(process.Run(site.Command(QStringLiteral("update"))), process.Report());
+    QVERIFY2(process.Status() == 0, process.Report());
+    QCOMPARE(site.Installed(), site.Published(v2));
+}
+
+void TstKxupdateRefusals::MarkerThatIsNoFileIsRefused()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    kxtest::TreeBuilder(site.Next());
+    MakePipe(site.Marker());
+    KxupdateProcess process;
+    QVERIFY2(process.Run(site.Command(QStringLiteral("download"))), process.Report());
+    QVERIFY2(process.Status() == 1, process.Report());
+    QVERIFY2(process.Errors().contains(QStringLiteral("not a regular file")), process.Report());
 }
 
 void TstKxupdateRefusals::ClearingKeepsOnlyWhatThePackageLists()

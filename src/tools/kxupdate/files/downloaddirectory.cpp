@@ -168,8 +168,9 @@ QString DownloadDirectory::Claim() const
             .arg(path);
     if (IsMarked())
         return QString();
-    if (QFileInfo(MarkerPath()).isSymLink())
-        return QStringLiteral("The marker '%1' is a symbolic link; remove it.").arg(MarkerPath());
+    const QString problem = OwnFileProblem(MarkerPath());
+    if (!problem.isEmpty())
+        return QStringLiteral("The marker ") + problem;
     QSaveFile marker(MarkerPath());
     const QByteArray text = "Marks the directory beside it as one that kxupdate may clear.\n" +
                             Identity().toLatin1() + '\n';
@@ -222,7 +223,7 @@ QString DownloadDirectory::Identity() const
 bool DownloadDirectory::IsMarked() const
 {
     QFile marker(MarkerPath());
-    if (QFileInfo(MarkerPath()).isSymLink() || !marker.open(QIODevice::ReadOnly))
+    if (!OwnFileProblem(MarkerPath()).isEmpty() || !marker.open(QIODevice::ReadOnly))
         return false;
     return marker.read(4096).split('\n').contains(Identity().toLatin1());
 }

@@ -36,6 +36,16 @@ QString WriteProblem(const QString& directory)
     return probe.isValid() ? QString() : probe.errorString();
 }
 
+QString OwnFileProblem(const QString& file)
+{
+    const QFileInfo info(file);
+    if (info.isSymLink())
+        return QStringLiteral("'%1' is a symbolic link; remove it.").arg(file);
+    if (info.exists() && !info.isFile())
+        return QStringLiteral("'%1' is not a regular file; remove it.").arg(file);
+    return QString();
+}
+
 QString Sample(const QStringList& names)
 {
     constexpr qsizetype shown = 5;

@@ -15,5 +15,11 @@ bool IsInside(const QString& inner, const QString& outer);
  */
 QString WriteProblem(const QString& directory);
 
+/**
+ * Why `file` cannot be one of kxupdate's own: a link stands there, which may lead anywhere, or
+ * something that is no file, which may block who opens it. Empty when it is a file or missing.
+ */
+QString OwnFileProblem(const QString& file);
+
 /** Up to five of `names`, and how many more there are; for a message. */
 QString Sample(const QStringList& names);

@@ -13,6 +13,8 @@
 
 namespace {
 
+constexpr int longestLockWriteMs = 10000;
+
 QString Shown(const QUrl& url)
 {
     return url.toDisplayString(QUrl::RemovePassword);
@@ -226,8 +228,19 @@ QString Session::FilePlaceViolation() const
 bool Session::Lock(std::unique_ptr<QLockFile>& lock, const QString& file, const QString& subject,
                    bool mandatory)
 {
+    const QString problem = OwnFileProblem(file);
+    if (!problem.isEmpty()) {
+        Refuse(QStringLiteral("The lock file ") + problem);
+        return false;
+    }
     lock = std::make_unique<QLockFile>(file);
-    lock->setStaleLockTime(0); // an update may take hours; a dead owner is noticed by its id
+    qint64 process = 0;
+    QString host;
+    QString program;
+    // An update may take hours; a dead owner is noticed by its id. A file without one is left from
+    // a power cut, or written this very moment.
+    const bool hasOwner = lock->getLockInfo(&process, &host, &program);
+    lock->setStaleLockTime(hasOwner ? 0 : longestLockWriteMs);
     if (lock->tryLock() || (lock->error() != QLockFile::LockFailedError && !mandatory))
         return true;
     if (lock->error() != QLockFile::LockFailedError) {
@@ -235,9 +248,6 @@ bool Session::Lock(std::unique_ptr<QLockFile>& lock, const QString& file, const 
             QStringLiteral("Cannot make the lock file '%1'. Is its directory writable?").arg(file));
         return false;
     }
-    qint64 process = 0;
-    QString host;
-    QString program;
     lock->getLockInfo(&process, &host, &program);
     Refuse(QStringLiteral("Another kxupdate (process %1) is working on '%2'.")
                .arg(process)

@@ -4,6 +4,7 @@
 
 #include "common/console.h"
 #include "files/packagefile.h"
+#include "files/paths.h"
 #include "treereport.h"
 
 namespace {
@@ -61,6 +62,11 @@ void Session::ReportStatus()
 
 void Session::ReportLock(const QString& name, const QString& file)
 {
+    const QString problem = OwnFileProblem(file);
+    if (!problem.isEmpty()) {
+        console.Message(QStringLiteral("The lock file ") + problem);
+        return console.Data(name, QStringLiteral("unusable"));
+    }
     QLockFile lock(file);
     lock.setStaleLockTime(0);
     qint64 process = 0;
