@@ -54,6 +54,8 @@ private Q_SLOTS:
     void LockFileWithoutAnOwnerStandsInNobodysWay_data();
     void LockFileWithoutAnOwnerStandsInNobodysWay();
     void MarkerThatIsNoFileIsRefused();
+    void DescriptionThatIsAPipeIsRefused_data();
+    void DescriptionThatIsAPipeIsRefused();
 
     void ClearingKeepsOnlyWhatThePackageLists();
     void ClearingNeverFollowsLinks();
@@ -99,6 +101,9 @@ void TstKxupdateRefusals::UpdateRefusesBeforeAskingTheServer_data()
     row("application in a missing directory", "--app", "no/app", "not exist");
     row("description in the download directory", "--xml", "next/a.xml", "cleared or replaced");
     row("description in the application", "--xml", "app/a", "cleared or replaced");
+    row("description is a link", "--xml", "xmllink", "symbolic link");
+    row("description is a link to nothing", "--xml", "dangling", "symbolic link");
+    row("description is a directory", "--xml", "wrap", "not a regular file");
 }
 
 void TstKxupdateRefusals::UpdateRefusesBeforeAskingTheServer()
@@ -112,6 +117,7 @@ void TstKxupdateRefusals::UpdateRefusesBeforeAskingTheServer()
     kxtest::TreeBuilder(site.Path(QStringLiteral(".")))
         .Symlink(QStringLiteral("link"), QStringLiteral("other"))
         .Symlink(QStringLiteral("applink"), QStringLiteral("app"))
+        .Symlink(QStringLiteral("xmllink"), QStringLiteral("file"))
         .Symlink(QStringLiteral("dangling"), QStringLiteral("nowhere"))
         .File(QStringLiteral("file"), "text")
         .File(QStringLiteral("other/precious"), "text")
@@ -390,6 +396,36 @@ void TstKxupdateRefusals::MarkerThatIsNoFileIsRefused()
     QVERIFY2(process.Run(site.Command(QStringLiteral("download"))), process.Report());
     QVERIFY2(process.Status() == 1, process.Report());
     QVERIFY2(process.Errors().contains(QStringLiteral("not a regular file")), process.Report());
+}
+
+void TstKxupdateRefusals::DescriptionThatIsAPipeIsRefused_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<int>("exitStatus");
+    QTest::newRow("install") << "install" << 3;
+    QTest::newRow("verify") << "verify" << 3;
+    QTest::newRow("status") << "status" << 0;
+}
+
+void TstKxupdateRefusals::DescriptionThatIsAPipeIsRefused()
+{
+    QFETCH(QString, command);
+    QFETCH(int, exitStatus);
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    KxupdateProcess first;
+    QVERIFY2(first.Run(site.Command(QStringLiteral("download"))), first.Report());
+    QVERIFY2(first.Status() == 0, first.Report());
+    kxtest::Remove(site.Xml());
+    MakePipe(site.Xml());
+
+    KxupdateProcess process;
+    QVERIFY2(process.Run(command == QLatin1String("verify")
+                             ? site.Verify(QStringLiteral("--download"), site.Next())
+                             : site.Command(command)),
+             process.Report());
+    QVERIFY2(process.Status() == exitStatus, process.Report());
 }
 
 void TstKxupdateRefusals::ClearingKeepsOnlyWhatThePackageLists()

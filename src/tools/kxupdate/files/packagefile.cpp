@@ -1,8 +1,11 @@
 #include "packagefile.h"
 
+#include "paths.h"
+
 #include <kxupdater/package.h>
 
 #include <QFile>
+#include <QFileInfo>
 #include <QNetworkAccessManager>
 #include <QSaveFile>
 #include <QUrl>
@@ -21,6 +24,8 @@ QString Read(const QString& path, QString& xml)
     QFile file(path);
     if (!file.exists())
         return QStringLiteral("The package description '%1' does not exist.").arg(path);
+    if (!QFileInfo(path).isFile())
+        return QStringLiteral("The package description '%1' is not a regular file.").arg(path);
     if (!file.open(QIODevice::ReadOnly))
         return QStringLiteral("Cannot read the package description '%1': %2.")
             .arg(path, file.errorString());
@@ -30,6 +35,10 @@ QString Read(const QString& path, QString& xml)
 
 QString Write(const QString& path, const QString& xml, const QString& version)
 {
+    // Again, because the download has taken its time.
+    const QString foreign = OwnFileProblem(path);
+    if (!foreign.isEmpty())
+        return QStringLiteral("The package description ") + foreign;
     QSaveFile file(path);
     const QByteArray bytes = xml.toUtf8() + "\n<?" + noteTarget.toLatin1() + ' ' +
                              QUrl::toPercentEncoding(version) + "?>\n";

@@ -204,6 +204,10 @@ void Session::CheckDirectories()
 
 QString Session::FilePlaceViolation() const
 {
+    // Who may write the directory must not choose what is overwritten.
+    const QString foreign = OwnFileProblem(options.xml);
+    if (!foreign.isEmpty())
+        return QStringLiteral("The package description ") + foreign;
     const QString xml = ResolvedPath(options.xml);
     const QString config = options.config.isEmpty() ? QString() : ResolvedPath(options.config);
     for (const QString& directory :
