@@ -36,6 +36,8 @@ private Q_SLOTS:
     void EverythingElseStaysByteForByte_data();
     void EverythingElseStaysByteForByte();
     void WrongVersionOfAWholeApplicationIsCorrected();
+    void FileSurvivesAFullDisk_data();
+    void FileSurvivesAFullDisk();
     void ModeAndOwnerAreKept();
     void LinkStaysALink();
     void VersionThatIsNoValueIsNotWritten();
@@ -265,6 +267,33 @@ void TstKxupdateConfig::WrongVersionOfAWholeApplicationIsCorrected()
     site.WriteConfig(v1);
     RunUpdate(site, site.Config());
     QVERIFY(kxtest::Read(site.Config()).contains("version =\t2.0  \n"));
+}
+
+void TstKxupdateConfig::FileSurvivesAFullDisk_data()
+{
+    QTest::addColumn<int>("size");
+    // Small ones are written at the end only.
+    QTest::newRow("small") << 4000;
+    QTest::newRow("large") << 40000;
+}
+
+void TstKxupdateConfig::FileSurvivesAFullDisk()
+{
+    QFETCH(int, size);
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v2);
+    site.WriteConfig(v1, "# " + QByteArray(size, 'x') + '\n');
+    const QByteArray before = kxtest::Read(site.Config());
+    KxupdateProcess process;
+    process.LimitFileSize(2000);
+    QVERIFY2(process.Run(site.Configured(QStringLiteral("update"))), process.Report());
+    QVERIFY2(process.Errors().contains(
+                 QStringLiteral("cannot be written to '%1': File too large").arg(site.Config())),
+             process.Report());
+    QCOMPARE(kxtest::Read(site.Config()), before);
+    RunUpdate(site, site.Config());
+    QCOMPARE(kxtest::Read(site.Config()).size(), before.size());
 }
 
 void TstKxupdateConfig::ModeAndOwnerAreKept()

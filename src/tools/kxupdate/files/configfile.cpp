@@ -199,7 +199,7 @@ QString ConfigFile::SetVersion(const QString& path, const QString& version)
     if (!file.open(QIODevice::WriteOnly))
         return problem(file.errorString());
     KeepOwner(QFileInfo(path).canonicalFilePath(), file);
-    if (file.write(bytes) != bytes.size() || !file.commit())
+    if (!Commit(file, bytes))
         return problem(file.errorString());
     return QString();
 }

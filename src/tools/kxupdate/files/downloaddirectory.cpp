@@ -174,7 +174,7 @@ QString DownloadDirectory::Claim() const
     QSaveFile marker(MarkerPath());
     const QByteArray text = "Marks the directory beside it as one that kxupdate may clear.\n" +
                             Identity().toLatin1() + '\n';
-    if (!marker.open(QIODevice::WriteOnly) || marker.write(text) != text.size() || !marker.commit())
+    if (!marker.open(QIODevice::WriteOnly) || !Commit(marker, text))
         return QStringLiteral("Cannot write the marker '%1': %2.")
             .arg(MarkerPath(), marker.errorString());
     return QString();

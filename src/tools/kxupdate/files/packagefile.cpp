@@ -42,7 +42,7 @@ QString Write(const QString& path, const QString& xml, const QString& version)
     QSaveFile file(path);
     const QByteArray bytes = xml.toUtf8() + "\n<?" + noteTarget.toLatin1() + ' ' +
                              QUrl::toPercentEncoding(version) + "?>\n";
-    if (file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.commit())
+    if (file.open(QIODevice::WriteOnly) && Commit(file, bytes))
         return QString();
     return QStringLiteral("Cannot write the package description '%1': %2.")
         .arg(path, file.errorString());

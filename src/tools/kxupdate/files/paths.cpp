@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QSaveFile>
 #include <QTemporaryDir>
 
 QString ResolvedPath(const QString& path)
@@ -44,6 +45,18 @@ QString OwnFileProblem(const QString& file)
     if (info.exists() && !info.isFile())
         return QStringLiteral("'%1' is not a regular file; remove it.").arg(file);
     return QString();
+}
+
+bool Commit(QSaveFile& file, const QByteArray& bytes)
+{
+    // A write that stops short tells no reason, the one after it does.
+    for (qint64 done = 0; done < bytes.size();) {
+        const qint64 count = file.write(bytes.constData() + done, bytes.size() - done);
+        if (count <= 0)
+            return false;
+        done += count;
+    }
+    return (file.flush() || file.flush()) && file.commit();
 }
 
 QString Sample(const QStringList& names)

@@ -3,6 +3,8 @@
 #include <QString>
 #include <QStringList>
 
+class QSaveFile;
+
 /** `path` with every link of its existing part resolved. */
 QString ResolvedPath(const QString& path);
 
@@ -20,6 +22,13 @@ QString WriteProblem(const QString& directory);
  * something that is no file, which may block who opens it. Empty when it is a file or missing.
  */
 QString OwnFileProblem(const QString& file);
+
+/**
+ * Writes `bytes` to the open `file` and puts it into place; false leaves what was there, and the
+ * reason is the file's error. QSaveFile alone overlooks a full disk: it does not look at how the
+ * write-out of its buffer at the commit went.
+ */
+bool Commit(QSaveFile& file, const QByteArray& bytes);
 
 /** Up to five of `names`, and how many more there are; for a message. */
 QString Sample(const QStringList& names);

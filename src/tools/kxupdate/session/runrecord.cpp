@@ -1,5 +1,7 @@
 #include "runrecord.h"
 
+#include "files/paths.h"
+
 #include <QCryptographicHash>
 #include <QDateTime>
 #include <QFile>
@@ -58,7 +60,7 @@ QString RunRecord::Store() const
     if (QFileInfo(path).isSymLink())
         return failure.arg(path, QStringLiteral("it is a symbolic link"));
     QSaveFile file(path);
-    if (file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.commit())
+    if (file.open(QIODevice::WriteOnly) && Commit(file, bytes))
         return QString();
     return failure.arg(path, file.errorString());
 }
