@@ -36,6 +36,7 @@ private Q_SLOTS:
     void KilledProcessIsRepairedByTheNextOne_data();
     void KilledProcessIsRepairedByTheNextOne();
     void KilledProcessLeavesTheConfigurationWhole();
+    void InterruptAfterTheResultChangesNothing();
     void InterruptBetweenTheStepsEndsTheCommand_data();
     void InterruptBetweenTheStepsEndsTheCommand();
 
@@ -289,6 +290,22 @@ void TstKxupdateFailures::KilledProcessLeavesTheConfigurationWhole()
     QVERIFY2(again.Run(site.Configured(QStringLiteral("update"))), again.Report());
     QVERIFY2(again.Status() == 0, again.Report());
     QCOMPARE(kxtest::Read(site.Config()), QByteArray(before).replace("1.0", "2.0"));
+}
+
+void TstKxupdateFailures::InterruptAfterTheResultChangesNothing()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    KxupdateProcess process;
+    // The first thing that the end of the updater logs.
+    process.InterruptAt(QStringLiteral("SUCCESS: destroyed!"), 1, SIGTERM);
+    QVERIFY2(
+        process.Run(site.Command(QStringLiteral("update"), v1, {QStringLiteral("--log-level=7")})),
+        process.Report());
+    QCOMPARE(process.Data(QStringLiteral("result")), QStringLiteral("updated"));
+    QVERIFY2(process.Errors().contains(QStringLiteral("SUCCESS: destroyed!")), process.Report());
+    QVERIFY2(process.Status() == 0, process.Report());
 }
 
 void TstKxupdateFailures::InterruptBetweenTheStepsEndsTheCommand_data()

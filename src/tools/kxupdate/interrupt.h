@@ -5,7 +5,7 @@
 /**
  * Turns the operating system's requests to end (Ctrl-C, a closed terminal, a plain kill) into a
  * signal of the event loop. As long as the object lives none of them ends the process by itself.
- * One object a process.
+ * One object a process, until it ends: where the system can, such requests are ignored afterwards.
  */
 class Interrupt : public QObject
 {

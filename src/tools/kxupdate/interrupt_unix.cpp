@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <iterator>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -14,8 +13,6 @@ namespace {
 const int handledSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 int pipeEnds[2] = {-1, -1};
-struct sigaction previous[std::size(handledSignals)];
-struct sigaction previousPipe;
 
 // Runs in the middle of anything: only what is safe in a signal handler.
 void WriteToPipe(int)
@@ -50,25 +47,28 @@ Interrupt::Interrupt(QObject* parent) : QObject(parent)
     action.sa_handler = WriteToPipe;
     action.sa_flags = SA_RESTART;
     ::sigemptyset(&action.sa_mask);
-    for (std::size_t i = 0; i < std::size(handledSignals); ++i) {
-        ::sigaction(handledSignals[i], nullptr, &previous[i]);
+    for (const int number : handledSignals) {
         // What nohup or a shell's background job has switched off stays off.
-        if (previous[i].sa_handler != SIG_IGN)
-            ::sigaction(handledSignals[i], &action, nullptr);
+        struct sigaction previous = {};
+        ::sigaction(number, nullptr, &previous);
+        if (previous.sa_handler != SIG_IGN)
+            ::sigaction(number, &action, nullptr);
     }
 
     // A reader that goes away must not end the process in the middle of a swap.
     action.sa_handler = SIG_IGN;
-    ::sigaction(SIGPIPE, &action, &previousPipe);
+    ::sigaction(SIGPIPE, &action, nullptr);
 }
 
 Interrupt::~Interrupt()
 {
     if (pipeEnds[0] < 0)
         return;
-    for (std::size_t i = 0; i < std::size(handledSignals); ++i)
-        ::sigaction(handledSignals[i], &previous[i], nullptr);
-    ::sigaction(SIGPIPE, &previousPipe, nullptr);
+    // The result is told, and the process about to end with its status: nothing changes that now.
+    struct sigaction action = {};
+    action.sa_handler = SIG_IGN;
+    for (const int number : handledSignals)
+        ::sigaction(number, &action, nullptr);
     for (int& end : pipeEnds) {
         ::close(end);
         end = -1;
