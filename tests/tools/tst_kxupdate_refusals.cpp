@@ -47,6 +47,7 @@ private Q_SLOTS:
     void DamagedDownloadIsNotInstalled();
     void ReadOnlyParentIsRefusedBeforeDownloading();
     void UnwritableDownloadDirectoryIsRefusedBeforeDownloading();
+    void VolumeWithoutRoomForTheLockIsNotTakenForReadOnly();
     void TooLittleSpaceIsRefusedBeforeDownloading();
     void SecondProcessOnTheSameApplicationIsRefused();
     void ForeignLockFileIsRefused_data();
@@ -261,6 +262,21 @@ void TstKxupdateRefusals::UnwritableDownloadDirectoryIsRefusedBeforeDownloading(
     QVERIFY2(ended, process.Report());
     QVERIFY2(process.Status() == 3, process.Report());
     QVERIFY2(process.Errors().contains(site.Path(QStringLiteral("cache/next"))), process.Report());
+    QVERIFY2(process.Errors().contains(QStringLiteral(": Permission denied.")), process.Report());
+    QCOMPARE(site.Server().RequestCount(), 0);
+}
+
+void TstKxupdateRefusals::VolumeWithoutRoomForTheLockIsNotTakenForReadOnly()
+{
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    KxupdateProcess process;
+    process.LimitFileSize(0);
+    QVERIFY2(process.Run(site.Command(QStringLiteral("update"))), process.Report());
+    QVERIFY2(process.Status() == 3, process.Report());
+    QVERIFY2(process.Errors().contains(QStringLiteral("kxupdate.lock': File too large.")),
+             process.Report());
     QCOMPARE(site.Server().RequestCount(), 0);
 }
 

@@ -5,6 +5,7 @@
 
 #include <QFile>
 #include <QFileInfo>
+#include <QTemporaryFile>
 
 namespace publish {
 
@@ -66,6 +67,15 @@ bool WriteNewFile(const QString& path, const QByteArray& text, QString& error)
         return false;
     file.close();
     return Sync(path, error);
+}
+
+QString FileProblem(const QString& path)
+{
+    // On a full volume only what stands in a file finds no room, so the probe writes something.
+    QTemporaryFile probe(path + QStringLiteral(".XXXXXX"));
+    if (probe.open() && probe.write("x") == 1 && probe.flush())
+        return QStringLiteral("the system does not tell why");
+    return probe.errorString();
 }
 
 } // namespace publish

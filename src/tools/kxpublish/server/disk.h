@@ -24,4 +24,7 @@ bool WriteAll(QFile& file, QByteArrayView bytes, QString& error);
 /** Writes a new file and brings it to the disk; `error` names it on failure. */
 bool WriteNewFile(const QString& path, const QByteArray& text, QString& error);
 
+/** Why no file with content can be made beside `path`; some text in any case. */
+QString FileProblem(const QString& path);
+
 } // namespace publish

@@ -208,7 +208,8 @@ bool ServerTree::TakeLock(int waitSeconds, QString& error)
     QString awaited;
     while (!taken->tryLock(deadline.hasExpired() ? 0 : pollMs)) {
         if (taken->error() != QLockFile::LockFailedError) {
-            error = QStringLiteral("cannot make the lock file %1").arg(Shown(path));
+            error = QStringLiteral("cannot make the lock file %1: %2")
+                        .arg(Shown(path), FileProblem(path));
             return false;
         }
         const QString holder = LockHolder(*taken, path);
@@ -307,7 +308,8 @@ bool ServerTree::MakeDirectories(const QString& path, QString& error)
     if (parent == path || !MakeDirectories(parent, error))
         return false;
     if (!QDir().mkdir(path)) {
-        error = QStringLiteral("cannot make the directory %1").arg(Shown(path));
+        error =
+            QStringLiteral("cannot make the directory %1: %2").arg(Shown(path), FileProblem(path));
         return false;
     }
     made.append(path);

@@ -4,6 +4,7 @@
 #include <QFileInfo>
 #include <QSaveFile>
 #include <QTemporaryDir>
+#include <QTemporaryFile>
 
 QString ResolvedPath(const QString& path)
 {
@@ -57,6 +58,15 @@ bool Commit(QSaveFile& file, const QByteArray& bytes)
         done += count;
     }
     return (file.flush() || file.flush()) && file.commit();
+}
+
+QString FileProblem(const QString& path)
+{
+    // On a full volume only what stands in a file finds no room, so the probe writes something.
+    QTemporaryFile probe(path + QStringLiteral(".XXXXXX"));
+    if (probe.open() && probe.write("x") == 1 && probe.flush())
+        return QStringLiteral("the system does not tell why");
+    return probe.errorString();
 }
 
 QString Sample(const QStringList& names)

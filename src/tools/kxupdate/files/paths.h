@@ -30,5 +30,8 @@ QString OwnFileProblem(const QString& file);
  */
 bool Commit(QSaveFile& file, const QByteArray& bytes);
 
+/** Why no file with content can be made beside `path`; some text in any case. */
+QString FileProblem(const QString& path);
+
 /** Up to five of `names`, and how many more there are; for a message. */
 QString Sample(const QStringList& names);

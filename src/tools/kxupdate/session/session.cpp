@@ -248,8 +248,7 @@ bool Session::Lock(std::unique_ptr<QLockFile>& lock, const QString& file, const 
     if (lock->tryLock() || (lock->error() != QLockFile::LockFailedError && !mandatory))
         return true;
     if (lock->error() != QLockFile::LockFailedError) {
-        Refuse(
-            QStringLiteral("Cannot make the lock file '%1'. Is its directory writable?").arg(file));
+        Refuse(QStringLiteral("Cannot make the lock file '%1': %2.").arg(file, FileProblem(file)));
         return false;
     }
     lock->getLockInfo(&process, &host, &program);
@@ -336,9 +335,10 @@ void Session::PrepareDownload()
     if (!problem.isEmpty())
         return Fail(problem);
     if (removed > 0)
-        console.Message(QStringLiteral("Removed %1 stale entries from '%2'.")
+        console.Message(QStringLiteral("Removed %1 stale %2 from '%3'.")
                             .arg(removed)
-                            .arg(download.Path()));
+                            .arg(removed == 1 ? QStringLiteral("entry") : QStringLiteral("entries"),
+                                 download.Path()));
     Next();
 }
 
