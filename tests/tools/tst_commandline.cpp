@@ -117,10 +117,10 @@ void TestCommandLine::WrongLinesSayWhy_data()
     QTest::newRow("argument too many")
         << QStringList{"make", "--name", "a", "t", "p", "x"} << "unexpected argument 'x'" << make;
     QTest::newRow("option of another command")
-        << QStringList{"drop", "--hard"} << "Unknown option 'hard'."
+        << QStringList{"drop", "--hard"} << "Unknown option 'hard'"
         << "see 'sample drop --help'";
     QTest::newRow("value missing")
-        << QStringList{"make", "t", "--name"} << "Missing value after '--name'." << make;
+        << QStringList{"make", "t", "--name"} << "Missing value after '--name'" << make;
     QTest::newRow("unknown shell") << QStringList{"--completion", "fish"}
                                    << "--completion 'fish' is neither bash nor zsh" << top;
 }

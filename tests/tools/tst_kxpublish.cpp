@@ -80,6 +80,7 @@ private Q_SLOTS:
     void DoubtsAreWarnedOf();
     void LinksInsideTheTreeArePublishedInSilence();
     void PromoteWritesTheReply();
+    void PromoteTwiceTellsThatNothingHasChanged();
     void PromoteWarnsOfAnEarlierVersion();
     void PromoteRefuses_data();
     void PromoteRefuses();
@@ -437,6 +438,15 @@ void TestKxpublish::PromoteWritesTheReply()
     QCOMPARE(Snapshot(server), expected);
 }
 
+void TestKxpublish::PromoteTwiceTellsThatNothingHasChanged()
+{
+    QCOMPARE(RunPublish(arguments).status, 0);
+    QCOMPARE(RunPublish(PromoteArguments(S("2.4.1"), server)).status, 0);
+    const PublishResult again = RunPublish(PromoteArguments(S("2.4.1"), server));
+    QCOMPARE(again.err, QStringList({S("clients are offered version 2.4.1 now, as before")}));
+    QCOMPARE(again.status, 0);
+}
+
 void TestKxpublish::PromoteWarnsOfAnEarlierVersion()
 {
     QCOMPARE(RunPublish(arguments).status, 0);
@@ -563,9 +573,9 @@ void TestKxpublish::CommandLineIsChecked_data()
                                   << QStringList{S("--name is given twice"), add};
     QTest::newRow("option without a value")
         << QStringList(all + QStringList{S("--platform")})
-        << QStringList{S("Missing value after '--platform'."), add};
+        << QStringList{S("Missing value after '--platform'"), add};
     QTest::newRow("unknown option") << QStringList(all + QStringList{S("--force")})
-                                    << QStringList{S("Unknown option 'force'."), add};
+                                    << QStringList{S("Unknown option 'force'"), add};
     QTest::newRow("promote without a version") << QStringList{S("promote"), S("--out"), S("x")}
                                                << QStringList{S("--version is missing"), promote};
     QTest::newRow("promote with a tree")

@@ -171,7 +171,7 @@ void TestKxpublishKills::KilledAddShowsTheVersionBeforeAndNextRunFinishes()
         const PublishResult again = kxtest::RunPublish(words);
         QCOMPARE(again.status, isThere ? 1 : 0);
         QVERIFY(!isThere ||
-                again.err.at(0).endsWith(S("published already, and never overwritten")));
+                again.err.at(0).contains(S("published already, and never overwritten")));
         published += isThere;
         QCOMPARE(Damage(server), QStringList());
         // A run that is refused tidies nothing up, for it writes nothing.

@@ -238,6 +238,10 @@ void TestKxpublishList::WhatIsNoServerTreeIsRefused()
                                       {S("prune"), empty.Root(), S("--keep"), S("1")},
                                       {S("rollback"), empty.Root()},
                                       {S("verify"), empty.Root()}};
+    const PublishResult nowhere = kxtest::RunPublish({S("list"), empty.Path(S("nowhere"))});
+    QCOMPARE(nowhere.err,
+             QStringList({S("'%1': no such directory").arg(empty.Path(S("nowhere")))}));
+    QCOMPARE(nowhere.status, 1);
     for (const QStringList& words : lines) {
         const PublishResult result = kxtest::RunPublish(words);
         QCOMPARE(

@@ -316,9 +316,13 @@ void TestKxpublishRefusals::RefusesSettings_data()
     row("unknown platform", "--platform", S("arm64"), "is neither 'x64' nor 'x86'");
     row("empty platform", "--platform", QString(), "is neither 'x64' nor 'x86'");
     row("empty address", "--base-url", QString(), "is not a valid URL");
-    row("address without a scheme", "--base-url", S("h/x"), "is not a URL of http or https");
-    row("address of another scheme", "--base-url", S("ftp://h/x"), "is not a URL of http or https");
-    row("local address", "--base-url", S("file:///srv"), "is not a URL of http or https");
+    row("address without a scheme", "--base-url", S("h/x"),
+        "does not begin with http:// or https://");
+    row("address of host and port alone", "--base-url", S("127.0.0.1:80"),
+        "does not begin with http:// or https://");
+    row("address of another scheme", "--base-url", S("ftp://h/x"),
+        "does not begin with http:// or https://");
+    row("local address", "--base-url", S("file:///srv"), "does not begin with http:// or https://");
     row("address without a host", "--base-url", S("http:x"), "has no host");
     row("address with a query", "--base-url", S("http://h/x?a=b"), "has a query");
     row("address with an empty query", "--base-url", S("http://h/x?"), "has a query");
@@ -440,7 +444,7 @@ void TestKxpublishRefusals::RefusesBuildThatIsPublishedAlready()
     tree.File(S("app"), "another program", 0755);
     Check(tree, arguments,
           {S("'{work}/srv/packages/demo-app-v2.4.1/windows/x64': published already, and never "
-             "overwritten")});
+             "overwritten; a changed tree needs a version of its own")});
 }
 
 void TestKxpublishRefusals::RefusesPlaceThatIsTaken()

@@ -435,9 +435,10 @@ void TestKxpublishVerify::FaultsOfTheNetworkAreFound_data()
     row("file that leads elsewhere", with(files + S("data"), Reply::Redirect(S("ftp://x/y"))),
         {bad + S("'data': redirected to 'ftp://x/y', which is neither http nor https")});
     row("reply without a version", with(reply, Reply::Body("<version>1\033[2J</version>")),
-        {S("bad: '%1/packages/version.xml': its version ")});
+        {S("bad: '%1/packages/version.xml': names no version")});
     row("reply that is a page", with(reply, Reply::Body("<html>hello</html>")),
-        {S("bad: '%1/packages/version.xml': its version is empty")});
+        {S("bad: '%1/packages/version.xml': names no version; is it a page of another "
+           "server, such as a login page?")});
     row("reply that is huge", with(reply, Reply::Body(QByteArray(70000, ' '))),
         {S("bad: '%1/packages/version.xml': has more than the expected 65536 bytes")});
     row("manifest that is a page", with(index, Reply::Body("<html>hello</html>")),
@@ -605,7 +606,7 @@ void TestKxpublishVerify::BadSettingsAreRefused_data()
                              << S("'http://127.0.0.1:1': a web server does not tell its packages, "
                                   "--name is needed");
     QTest::newRow("other scheme") << QStringList{S("ftp://x"), S("--name"), S("a")}
-                                  << S("'ftp://x': is not a URL of http or https");
+                                  << S("'ftp://x': does not begin with http:// or https://");
     QTest::newRow("bad name") << QStringList{S("http://127.0.0.1:1"), S("--name"), S("../a")}
                               << S("--name '../a': may only have letters of ASCII, digits and "
                                    "._+~-");

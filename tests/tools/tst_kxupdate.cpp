@@ -70,6 +70,8 @@ void TstKxupdate::UsageErrorsNameWhatIsWrong_data()
         QTest::addRow("without %s", qPrintable(option)) << without(option) << "needs " + option;
     QTest::newRow("ftp address") << with("--url", "ftp://127.0.0.1/") << "http://";
     QTest::newRow("address without scheme") << with("--url", "127.0.0.1/x") << "--url";
+    QTest::newRow("address of host and port alone")
+        << with("--url", "127.0.0.1:8080") << "does not begin with http://";
     QTest::newRow("address without host") << with("--url", "http:///x") << "--url";
     QTest::newRow("address with query") << with("--url", "http://127.0.0.1/?a=b") << "'?'";
     QTest::newRow("log level too high") << with("--log-level", "8") << "0 to 7";
@@ -450,6 +452,8 @@ void TstKxupdate::ControlCharactersFromOutsideNeverReachTheOutput()
     QVERIFY2(process.Run(site.Verify(QStringLiteral("--app"), site.App())), process.Report());
     QCOMPARE(process.Status(), 5);
     QCOMPARE(process.Data(QStringLiteral("difference")), QStringLiteral("missing a?31mred?b"));
+    QVERIFY2(process.Errors().contains(QStringLiteral("'kxupdate repair' mends it.")),
+             process.Report());
 }
 
 QTEST_GUILESS_MAIN(TstKxupdate)

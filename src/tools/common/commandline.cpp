@@ -60,8 +60,13 @@ CommandLine::Outcome CommandLine::Parse(const QStringList& words)
         text = command ? CommandHelp(program, *command) : ProgramHelp(program);
         return Outcome::Print;
     }
-    if (!parsed)
-        return Wrong(parser.errorText());
+    if (!parsed) {
+        // The parser's text is a sentence; what is printed goes on after it.
+        QString reason = parser.errorText();
+        if (reason.endsWith(u'.'))
+            reason.chop(1);
+        return Wrong(reason);
+    }
     if (asked("version")) {
         text = QStringLiteral("%1 %2\n").arg(QString::fromUtf8(program.name),
                                              QString::fromUtf8(program.version));

@@ -98,11 +98,13 @@ private:
 QString UrlProblem(const QString& where, const QString& text)
 {
     const QUrl url(text, QUrl::StrictMode);
+    if (!url.isValid() && text.contains(u'@'))
+        return QStringLiteral("%1 is not a URL: it cannot be parsed").arg(where);
+    // "host:port" alone is what QUrl has no helpful words for.
+    if (!url.isValid() && !text.contains(QLatin1String("://")))
+        return QStringLiteral("%1 '%2' does not begin with http:// or https://").arg(where, text);
     if (!url.isValid())
-        return QStringLiteral("%1 is not a URL: %2")
-            .arg(where, text.contains(u'@')
-                            ? QStringLiteral("it cannot be parsed")
-                            : u'\'' + text + QStringLiteral("', ") + url.errorString());
+        return QStringLiteral("%1 is not a URL: '%2', %3").arg(where, text, url.errorString());
     const QString shown =
         QStringLiteral("%1 '%2'").arg(where, url.toDisplayString(QUrl::RemovePassword));
     if (url.scheme() != QLatin1String("http") && url.scheme() != QLatin1String("https"))

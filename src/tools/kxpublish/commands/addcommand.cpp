@@ -100,7 +100,8 @@ void AddCommand::CheckNotTaken()
         return;
     if (QFileInfo(server.ManifestPath(settings.build)).exists())
         problems.Refuse(Shown(server.BuildPath(settings.build)),
-                        QStringLiteral("published already, and never overwritten"));
+                        QStringLiteral("published already, and never overwritten; a changed tree "
+                                       "needs a version of its own"));
     else
         problems.Refuse(Shown(server.BuildPath(settings.build)),
                         QStringLiteral("in the way, and not a published build"));

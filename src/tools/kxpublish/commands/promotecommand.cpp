@@ -56,7 +56,9 @@ ExitStatus PromoteCommand::Run()
     PrintDatum(QStringLiteral("reply"), server.VersionReplyPath());
     PrintDatum(QStringLiteral("version"), settings.version);
     Say(QStringLiteral("clients are offered version %1 now").arg(settings.version) +
-        (before.isEmpty() ? QString() : QStringLiteral(", %1 before").arg(before)));
+        (before.isEmpty()             ? QString()
+         : before == settings.version ? QStringLiteral(", as before")
+                                      : QStringLiteral(", %1 before").arg(before)));
     return ExitDone;
 }
 

@@ -53,7 +53,8 @@ ExitStatus RollbackCommand::Run()
         Say(skipped);
     if (choice.target.isEmpty()) {
         problems.Refuse(Shown(server.PackagesPath()),
-                        QStringLiteral("has no version that was offered before %1 and still can be")
+                        QStringLiteral("nothing to go back to: no version was offered before %1 "
+                                       "that is still published")
                             .arg(result.before));
         return Refuse();
     }

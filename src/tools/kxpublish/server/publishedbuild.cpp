@@ -29,7 +29,9 @@ bool CheckServerTree(const ServerTree& server, const QString& path)
 {
     if (QFileInfo(server.PackagesPath()).isDir())
         return true;
-    Say(Shown(path) + QStringLiteral(": not a server tree, it has no directory 'packages'"));
+    Say(Shown(path) + (QFileInfo::exists(path)
+                           ? QStringLiteral(": not a server tree, it has no directory 'packages'")
+                           : QStringLiteral(": no such directory")));
     return false;
 }
 

@@ -91,10 +91,11 @@ QString PlatformProblem(const QString& platform)
 QString BaseUrlProblem(const QString& text)
 {
     const QUrl url(text, QUrl::StrictMode);
-    if (!url.isValid())
+    // "host:port" alone is not valid either, and wants the same advice as "host".
+    if (!url.isValid() && (text.isEmpty() || text.contains(QLatin1String("://"))))
         return QStringLiteral("is not a valid URL");
     if (url.scheme() != QLatin1String("http") && url.scheme() != QLatin1String("https"))
-        return QStringLiteral("is not a URL of http or https");
+        return QStringLiteral("does not begin with http:// or https://");
     if (url.host().isEmpty())
         return QStringLiteral("has no host");
     if (!url.userInfo().isEmpty() || url.authority().contains(QLatin1Char('@')))

@@ -103,6 +103,9 @@ void VerifySite::CheckReply()
     const QString problem = VersionProblem(version);
     if (problem.isEmpty())
         result->offered = version;
+    else if (version.isEmpty())
+        problems.Refuse(Shown(address), QStringLiteral("names no version; is it a page of another "
+                                                       "server, such as a login page?"));
     else
         problems.Refuse(Shown(address), QStringLiteral("its version ") + problem);
     const qint64 seconds = FreshSeconds(read.CacheControl());

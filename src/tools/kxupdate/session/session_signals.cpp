@@ -312,6 +312,9 @@ void Session::OnScanned()
         text += QStringLiteral(" The application is untouched.");
     if (options.command == Options::Command::Install)
         text += QStringLiteral(" Run 'kxupdate download' again.");
+    if (options.command == Options::Command::Verify)
+        text += !options.download.isEmpty() ? QStringLiteral(" 'kxupdate download' completes it.")
+                                            : QStringLiteral(" 'kxupdate repair' mends it.");
     Fail(text, ExitStatus::VerificationFailed);
 }
 
