@@ -56,6 +56,7 @@ private Q_SLOTS:
     void PruneSetsFreeWhatNobodyShares();
     void PruneThatFailsTellsWhatIsDone();
     void PruneNeedsANumber();
+    void PruneRemovesNothingThroughALink();
     void ForeignFilesKeepTheirDirectory();
 };
 
@@ -477,6 +478,27 @@ void TestKxpublishRollback::ForeignFilesKeepTheirDirectory()
     QCOMPARE(site.Run(S("prune"), {S("--keep"), S("1")}).status, 0);
     QVERIFY(kxtest::Exists(mine));
     QVERIFY(!kxtest::Exists(site.Server() + S("/packages/demo-app-v1/windows")));
+}
+
+void TestKxpublishRollback::PruneRemovesNothingThroughALink()
+{
+    PublishSite site;
+    for (const char* version : {"1", "2", "3"})
+        site.Release(S(version));
+    const QString packages = site.Server() + S("/packages/");
+    // To the version on offer, and to one that would go.
+    QVERIFY(QFile::link(S("demo-app-v3"), packages + S("demo-app-vlatest")));
+    QVERIFY(QFile::link(S("demo-app-v1"), packages + S("demo-app-vfirst")));
+    const QStringList before = site.Visible();
+    const PublishResult result = site.Run(S("prune"), {S("--keep"), S("1")});
+    QStringList said = result.err;
+    said.sort();
+    QCOMPARE(said, QStringList({S("demo-app 1 for x64 stays: a link leads to it"),
+                                S("demo-app 2 for x64 stays: a rollback would offer it next"),
+                                S("demo-app first for x64 stays: it lies behind a link"),
+                                S("demo-app latest for x64 stays: it lies behind a link")}));
+    QCOMPARE(result.status, 0);
+    QCOMPARE(site.Visible(), before);
 }
 
 QTEST_GUILESS_MAIN(TestKxpublishRollback)

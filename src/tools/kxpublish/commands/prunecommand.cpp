@@ -8,9 +8,11 @@
 #include "server/publishedbuild.h"
 #include "server/versionorder.h"
 
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QMap>
 #include <QPair>
+#include <QSet>
 
 #include <algorithm>
 
@@ -35,6 +37,18 @@ bool IsUsable(const ServerTree& server, const Build& build)
     Manifest manifest;
     return ReadManifestOf(server, build, manifest).isEmpty() &&
            FilesProblem(server, build, manifest).isEmpty();
+}
+
+QString RealPath(const ServerTree& server, const Build& build)
+{
+    return QFileInfo(server.BuildPath(build)).canonicalFilePath();
+}
+
+bool IsBehindLink(const ServerTree& server, const Build& build)
+{
+    const QString packages = server.PackagesPath();
+    return RealPath(server, build) !=
+           QFileInfo(packages).canonicalFilePath() + server.BuildPath(build).mid(packages.size());
 }
 
 } // namespace
@@ -75,6 +89,12 @@ QList<Build> PruneCommand::Plan()
         offered.isEmpty() ? QString() : ChooseRollback(server, history, offered).target;
 
     QMap<QPair<QString, QString>, QList<Build>> places;
+    // Removing through a link, such as one to the latest version, removes what it leads to.
+    QSet<QString> linked;
+    for (const Build& build : server.Builds()) {
+        if (IsBehindLink(server, build))
+            linked.insert(RealPath(server, build));
+    }
     for (const Build& build : server.Builds())
         places[qMakePair(build.package, build.platform)].append(build);
     QList<Build> plan;
@@ -85,6 +105,10 @@ QList<Build> PruneCommand::Plan()
         int latest = 0;
         QList<Build> old;
         for (const Build& build : std::as_const(builds)) {
+            if (IsBehindLink(server, build)) {
+                result.kept.append({build, QStringLiteral("it lies behind a link")});
+                continue;
+            }
             const bool isOld = latest == settings.keep;
             const bool isUsable = !isOld && IsUsable(server, build);
             if (isUsable)
@@ -93,6 +117,8 @@ QList<Build> PruneCommand::Plan()
                 result.kept.append({build, QStringLiteral("clients are offered it")});
             else if (build.version == next && isOld)
                 result.kept.append({build, QStringLiteral("a rollback would offer it next")});
+            else if (isOld && linked.contains(RealPath(server, build)))
+                result.kept.append({build, QStringLiteral("a link leads to it")});
             else if (isOld)
                 old.prepend(build);
             else if (!isUsable)
