@@ -56,6 +56,7 @@ private Q_SLOTS:
     void PruneSetsFreeWhatNobodyShares();
     void PruneThatFailsTellsWhatIsDone();
     void PruneNeedsANumber();
+    void PruneRefusesWhenItCannotTellWhatIsOffered();
     void PruneRemovesNothingThroughALink();
     void ForeignFilesKeepTheirDirectory();
 };
@@ -499,6 +500,35 @@ void TestKxpublishRollback::PruneRemovesNothingThroughALink()
                                 S("demo-app latest for x64 stays: it lies behind a link")}));
     QCOMPARE(result.status, 0);
     QCOMPARE(site.Visible(), before);
+}
+
+void TestKxpublishRollback::PruneRefusesWhenItCannotTellWhatIsOffered()
+{
+    PublishSite site;
+    for (const char* version : {"1", "2", "3", "4"})
+        site.Add(S(version));
+    site.Promote(S("1"));
+    const QString reply = site.Server() + S("/packages/version.xml");
+    for (const char* text : {"", "<version> 1 </version>", "<v>1</v>"}) {
+        kxtest::Write(reply, text);
+        const QStringList before = site.Visible();
+        const PublishResult result = site.Run(S("prune"), {S("--keep"), S("1")});
+        QCOMPARE(result.err,
+                 QStringList({S("'%1': does not tell which version clients are offered, so nothing "
+                                "is removed; 'promote' writes it anew")
+                                  .arg(reply)}));
+        QCOMPARE(result.out, QStringList());
+        QCOMPARE(result.status, 1);
+        QCOMPARE(site.Visible(), before);
+    }
+    kxtest::Write(reply, "<version>1</version>");
+    const auto unreadable = [reply] {
+        kxtest::DropFileRights();
+        ::chmod(reply.toUtf8().constData(), 0);
+    };
+    QCOMPARE(
+        kxtest::RunPublish({S("prune"), site.Server(), S("--keep"), S("1")}, unreadable).status, 1);
+    QVERIFY(QFileInfo::exists(site.BuildPath(S("1"))));
 }
 
 QTEST_GUILESS_MAIN(TestKxpublishRollback)

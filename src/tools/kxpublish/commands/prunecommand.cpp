@@ -7,6 +7,7 @@
 #include "server/history.h"
 #include "server/publishedbuild.h"
 #include "server/versionorder.h"
+#include "source/names.h"
 
 #include <QFileInfo>
 #include <QJsonArray>
@@ -72,6 +73,14 @@ ExitStatus PruneCommand::Run()
     if (!settings.dryRun && !server.Open(error, settings.waitSeconds)) {
         Complain(error);
         return IsInterrupted() ? ExitInterrupted : ExitFailed;
+    }
+    const QFileInfo reply(server.VersionReplyPath());
+    if ((reply.exists() || reply.isSymLink()) &&
+        !VersionProblem(server.OfferedVersion()).isEmpty()) {
+        Complain(Shown(server.VersionReplyPath()) +
+                 QStringLiteral(": does not tell which version clients are offered, so nothing is "
+                                "removed; 'promote' writes it anew"));
+        return ExitRefused;
     }
     const QList<Build> plan = Plan();
     for (const PruneResult::Kept& kept : std::as_const(result.kept))
