@@ -77,6 +77,7 @@ private Q_SLOTS:
     void BrokenBuildsAreListedWithTheReason();
     void ReadingCommandsNeedNoLockAndWriteNothing();
     void WhatIsNoServerTreeIsRefused();
+    void OthersMayReadWhateverTheUmask();
     void DiffTellsWhatChanges();
     void DiffPlansAsClientsDo();
     void DiffOfDigestsInUpperCaseIsTheClients();
@@ -395,6 +396,29 @@ void TestKxpublishList::DiffNeedsAChoice()
     QCOMPARE(result.err.value(0), message);
     QCOMPARE(result.status, message.isEmpty() ? 0 : 1);
     QCOMPARE(result.out.isEmpty(), !message.isEmpty());
+}
+
+void TestKxpublishList::OthersMayReadWhateverTheUmask()
+{
+    PublishSite site;
+    site.Tree().File(S("sub/file"), "x");
+    const auto closed = [] { ::umask(077); };
+    const QString server = site.Server();
+    const auto run = [&](const QStringList& words) {
+        return kxtest::RunPublish(words, closed).status;
+    };
+    site.Add(S("0"));
+    QDir(server).removeRecursively();
+    for (const char* version : {"1", "2"}) {
+        QCOMPARE(run(kxtest::With(kxtest::AddArguments(site.Tree().Root(), server), S("--version"),
+                                  S(version))),
+                 0);
+        QCOMPARE(run(kxtest::PromoteArguments(S(version), server)), 0);
+    }
+    QCOMPARE(run({S("rollback"), server, S("--as"), S("3")}), 0);
+    const PublishResult result = site.Run(S("verify"));
+    QCOMPARE(result.out.filter(S("bad: ")), QStringList());
+    QCOMPARE(result.status, 0);
 }
 
 QTEST_GUILESS_MAIN(TestKxpublishList)

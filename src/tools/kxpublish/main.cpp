@@ -1,6 +1,7 @@
 #include "commands.h"
 #include "interrupt.h"
 #include "output/console.h"
+#include "source/platform.h"
 
 #include "common/commandline.h"
 #include "common/terminal.h"
@@ -44,5 +45,6 @@ int main(int argc, char** argv)
     QCoreApplication::setApplicationName(QStringLiteral("kxpublish"));
     QCoreApplication::setApplicationVersion(QStringLiteral(KXPUBLISH_VERSION));
     publish::CatchInterrupts();
+    publish::LetOthersRead();
     return Run(QCoreApplication::arguments());
 }

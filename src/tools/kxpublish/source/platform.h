@@ -76,6 +76,12 @@ bool SyncVolume(const QString& path, QString& error);
  */
 bool RemoveAbandonedLock(const QString& path);
 
+/**
+ * What this process makes from now on may be read by everybody, whatever its umask says: a web
+ * server has to. Who may write is not changed.
+ */
+void LetOthersRead();
+
 /** True when stderr is a terminal on which a line can be drawn again. */
 bool HasTerminal();
 

@@ -217,6 +217,12 @@ bool RemoveAbandonedLock(const QString& path)
     return abandoned;
 }
 
+void LetOthersRead()
+{
+    const mode_t mask = ::umask(022);
+    ::umask(mask & 0222);
+}
+
 bool HasTerminal()
 {
     const QByteArray type = qgetenv("TERM");

@@ -132,6 +132,8 @@ bool RemoveAbandonedLock(const QString& path)
     return QFileInfo(path).size() == 0 && QFile::remove(path);
 }
 
+void LetOthersRead() {}
+
 bool HasTerminal()
 {
     DWORD mode = 0;

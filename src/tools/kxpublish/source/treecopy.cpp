@@ -304,7 +304,7 @@ bool TreeCopy::Prepare(QString& error)
         }
         directories.append(path);
     }
-    // Whatever the publisher's umask lets a web server do with a new file.
+    // Who may write to a new file, with the publisher's umask; a web server may read it.
     QFile probe(destination + QStringLiteral("/.probe"));
     FileStatus status;
     if (!probe.open(QIODevice::WriteOnly | QIODevice::NewOnly) || !ReadStatus(probe, status) ||
