@@ -6,6 +6,8 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QLockFile>
 #include <QRegularExpression>
 #include <QTest>
@@ -77,6 +79,7 @@ private Q_SLOTS:
     void BrokenBuildsAreListedWithTheReason();
     void ReadingCommandsNeedNoLockAndWriteNothing();
     void WhatIsNoServerTreeIsRefused();
+    void RefusalsAreToldQuietlyAndInJson();
     void OthersMayReadWhateverTheUmask();
     void DiffTellsWhatChanges();
     void DiffPlansAsClientsDo();
@@ -419,6 +422,24 @@ void TestKxpublishList::OthersMayReadWhateverTheUmask()
     const PublishResult result = site.Run(S("verify"));
     QCOMPARE(result.out.filter(S("bad: ")), QStringList());
     QCOMPARE(result.status, 0);
+}
+
+void TestKxpublishList::RefusalsAreToldQuietlyAndInJson()
+{
+    const kxtest::TreeBuilder empty;
+    const QString text =
+        S("'%1': not a server tree, it has no directory 'packages'").arg(empty.Root());
+    QCOMPARE(kxtest::RunPublish({S("list"), empty.Root(), S("--quiet")}).err, QStringList({text}));
+    const auto problems = [](const QStringList& words) {
+        const PublishResult result = kxtest::RunPublish(words);
+        const QJsonObject object =
+            QJsonDocument::fromJson(result.out.join(QLatin1Char('\n')).toUtf8()).object();
+        return object.value(S("exit")).toInt() == result.status
+                   ? object.value(S("problems")).toVariant().toStringList()
+                   : QStringList({S("(no exit status)")});
+    };
+    QCOMPARE(problems({S("list"), empty.Root(), S("--json")}), QStringList({text}));
+    QCOMPARE(problems({S("nothing"), S("--json")}), QStringList({S("unknown command 'nothing'")}));
 }
 
 QTEST_GUILESS_MAIN(TestKxpublishList)

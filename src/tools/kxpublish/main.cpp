@@ -16,7 +16,10 @@ ExitStatus Run(const QStringList& words)
 {
     tools::CommandLine line(publish::Program());
     const tools::CommandLine::Outcome outcome = line.Parse(words);
-    publish::SetOutputStyle({line.IsSet("quiet"), line.IsSet("json")});
+    // Behind a command that there is not, options are not looked at.
+    const bool json = line.IsSet("json") || (outcome == tools::CommandLine::Outcome::Wrong &&
+                                             words.contains(QStringLiteral("--json")));
+    publish::SetOutputStyle({line.IsSet("quiet"), json});
     ExitStatus status = publish::ExitDone;
     switch (outcome) {
     case tools::CommandLine::Outcome::Print:

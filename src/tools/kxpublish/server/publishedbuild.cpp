@@ -29,7 +29,7 @@ bool CheckServerTree(const ServerTree& server, const QString& path)
 {
     if (QFileInfo(server.PackagesPath()).isDir())
         return true;
-    Say(Shown(path) + (QFileInfo::exists(path)
+    Complain(Shown(path) + (QFileInfo::exists(path)
                            ? QStringLiteral(": not a server tree, it has no directory 'packages'")
                            : QStringLiteral(": no such directory")));
     return false;
