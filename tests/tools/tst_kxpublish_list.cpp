@@ -79,6 +79,7 @@ private Q_SLOTS:
     void BrokenBuildsAreListedWithTheReason();
     void ReadingCommandsNeedNoLockAndWriteNothing();
     void WhatIsNoServerTreeIsRefused();
+    void DirectoriesThatCannotBeListedAreNotPassedOver();
     void RefusalsAreToldQuietlyAndInJson();
     void OthersMayReadWhateverTheUmask();
     void DiffTellsWhatChanges();
@@ -440,6 +441,39 @@ void TestKxpublishList::RefusalsAreToldQuietlyAndInJson()
     };
     QCOMPARE(problems({S("list"), empty.Root(), S("--json")}), QStringList({text}));
     QCOMPARE(problems({S("nothing"), S("--json")}), QStringList({S("unknown command 'nothing'")}));
+}
+
+void TestKxpublishList::DirectoriesThatCannotBeListedAreNotPassedOver()
+{
+    PublishSite site;
+    site.Add(S("1"));
+    site.Add(S("2"));
+    site.Add(S("2"), S("other"));
+    site.Promote(S("2"));
+    const QString server = site.Server();
+    for (const QString& path :
+         {server + S("/packages/other-v2"), server + S("/packages/other-v2/windows"),
+          site.BuildPath(S("2"), {}, S("other"))}) {
+        const auto closed = [path] {
+            kxtest::DropFileRights();
+            ::chmod(path.toUtf8().constData(), 0);
+        };
+        const QList<QStringList> lines = {{S("list"), server},
+                                          {S("verify"), server},
+                                          {S("diff"), server, S("1"), S("2")},
+                                          {S("prune"), server, S("--keep"), S("1")},
+                                          {S("rollback"), server},
+                                          kxtest::PromoteArguments(S("1"), server)};
+        for (const QStringList& words : lines) {
+            const PublishResult result = kxtest::RunPublish(words, closed);
+            ::chmod(path.toUtf8().constData(), 0755);
+            QVERIFY2(
+                result.err.value(0).startsWith(S("'%1': the directory cannot be listed").arg(path)),
+                qPrintable(words.join(u' ') + result.err.join(u' ')));
+            QCOMPARE(result.status, 1);
+        }
+        QCOMPARE(site.Offered(), S("2"));
+    }
 }
 
 QTEST_GUILESS_MAIN(TestKxpublishList)

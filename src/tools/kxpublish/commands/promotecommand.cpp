@@ -27,6 +27,9 @@ ExitStatus PromoteCommand::Run()
     if (!QFileInfo(server.PackagesPath()).isDir())
         problems.Refuse(QStringLiteral("--out ") + Shown(settings.serverTree),
                         QStringLiteral("not a server tree, it has no directory 'packages'"));
+    const QString closed = server.ClosedDirectory();
+    if (!closed.isEmpty())
+        problems.Refuse(Shown(closed), QStringLiteral("the directory cannot be listed"));
     QString error;
     // The lock comes before the look at the builds: none may come or go in between.
     if (problems.IsEmpty() && !server.Open(error, settings.waitSeconds)) {

@@ -27,6 +27,11 @@ Place PlaceOf(const Build& build)
 
 bool CheckServerTree(const ServerTree& server, const QString& path)
 {
+    const QString closed = server.ClosedDirectory();
+    if (!closed.isEmpty()) {
+        Complain(Shown(closed) + QStringLiteral(": the directory cannot be listed"));
+        return false;
+    }
     if (QFileInfo(server.PackagesPath()).isDir())
         return true;
     Complain(Shown(path) + (QFileInfo::exists(path)

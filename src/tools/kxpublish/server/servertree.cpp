@@ -172,6 +172,31 @@ QList<Build> ServerTree::BuildDirectories(bool withManifest) const
     return builds;
 }
 
+QString ServerTree::ClosedDirectory() const
+{
+    const auto isClosed = [](const QString& path) {
+        const QFileInfo info(path);
+        return info.isDir() && !(info.isReadable() && info.isExecutable());
+    };
+    if (isClosed(PackagesPath()))
+        return PackagesPath();
+    for (const QString& name : Directories(PackagesPath())) {
+        if (!name.contains(SeparatorText()))
+            continue;
+        const QString path = PackagesPath() + QLatin1Char('/') + name;
+        const QString systemPath = path + QLatin1Char('/') + updater::Build::OSName();
+        for (const QString& each : {path, systemPath}) {
+            if (isClosed(each))
+                return each;
+        }
+        for (const QString& platform : Directories(systemPath)) {
+            if (isClosed(systemPath + QLatin1Char('/') + platform))
+                return systemPath + QLatin1Char('/') + platform;
+        }
+    }
+    return {};
+}
+
 QString ServerTree::OfferedVersion() const
 {
     QFile file(VersionReplyPath());

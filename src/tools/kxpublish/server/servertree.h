@@ -56,6 +56,9 @@ public:
     QList<Build> Builds() const;
     /** What stands where a build would, but has no manifest; sorted likewise. */
     QList<Build> UnfinishedBuilds() const;
+    /** A directory that may hold builds and cannot be looked into; empty when there is none. Builds
+     *  in it would be missing above. */
+    QString ClosedDirectory() const;
     /** Version that clients are offered now; empty when there is none. */
     QString OfferedVersion() const;
 
