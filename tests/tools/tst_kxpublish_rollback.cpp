@@ -47,6 +47,7 @@ private Q_SLOTS:
     void AsIsRefused_data();
     void AsIsRefused();
     void AsThatFailsHalfWayLeavesNothing();
+    void AsThatFailsRemovesNothingOfAnEarlierRun();
     void AsNeverLeadsBackToTheBadVersion();
     void NamesThatLeadOutOfTheTreeAreNotFollowed();
 
@@ -529,6 +530,24 @@ void TestKxpublishRollback::PruneRefusesWhenItCannotTellWhatIsOffered()
     QCOMPARE(
         kxtest::RunPublish({S("prune"), site.Server(), S("--keep"), S("1")}, unreadable).status, 1);
     QVERIFY(QFileInfo::exists(site.BuildPath(S("1"))));
+}
+
+void TestKxpublishRollback::AsThatFailsRemovesNothingOfAnEarlierRun()
+{
+    PublishSite site;
+    site.Add(S("1"));
+    site.Add(S("3")); // the same tree: what a rollback as version 3 would place
+    site.Promote(S("1"));
+    site.Release(S("2"));
+    const QString history = site.Server() + S("/packages/.kxpublish.history");
+    QVERIFY(QFile::remove(history));
+    QVERIFY(QDir().mkpath(history + S("/full")));
+    const QStringList before = site.Visible();
+    const PublishResult result = site.Run(S("rollback"), {S("--as"), S("3")});
+    QCOMPARE(result.status, 3);
+    // Nothing has been done that could be told.
+    QCOMPARE(result.out, QStringList());
+    QCOMPARE(site.Visible(), before);
 }
 
 QTEST_GUILESS_MAIN(TestKxpublishRollback)

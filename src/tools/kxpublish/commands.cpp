@@ -63,15 +63,20 @@ bool ReadNumber(const CommandLine& line, const char* option, int least, int most
 }
 
 template <typename Command>
+void PrintResult(const Command& command)
+{
+    for (const QString& line : command.Result().Lines())
+        PrintText(line + QLatin1Char('\n'));
+    PrintJson(command.Result().ToJson());
+}
+
+template <typename Command>
 ExitStatus RunAndPrint(Command& command)
 {
     const ExitStatus status = command.Run();
     // A refusal has no result; what was found or done otherwise is told.
-    if (status != ExitRefused) {
-        for (const QString& line : command.Result().Lines())
-            PrintText(line + QLatin1Char('\n'));
-        PrintJson(command.Result().ToJson());
-    }
+    if (status != ExitRefused)
+        PrintResult(command);
     return status;
 }
 
@@ -172,7 +177,11 @@ ExitStatus RunRollback(const CommandLine& line)
     if (!ReadNumber(line, "wait", 0, ServerTree::maxWait, settings.waitSeconds))
         return ExitUsage;
     RollbackCommand command(settings);
-    return RunAndPrint(command);
+    const ExitStatus status = command.Run();
+    // All or nothing: otherwise the version that it names is not the one on offer.
+    if (status == ExitDone)
+        PrintResult(command);
+    return status;
 }
 
 CommandSpec ListSpec()

@@ -254,8 +254,11 @@ bool RollbackCommand::PlaceCopies(QString& error)
 void RollbackCommand::TakeCopiesAway(qsizetype count)
 {
     QString ignored; // the failure before this one tells why
-    while (count-- > 0)
-        server.TakeBuildAway(copies.at(count).to, ignored);
+    while (count-- > 0) {
+        // What was there before this run may be somebody's own.
+        if (!copies.at(count).placed)
+            server.TakeBuildAway(copies.at(count).to, ignored);
+    }
 }
 
 bool RollbackCommand::Offer(QString& error)
