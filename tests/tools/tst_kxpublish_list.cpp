@@ -79,6 +79,7 @@ private Q_SLOTS:
     void BrokenBuildsAreListedWithTheReason();
     void ReadingCommandsNeedNoLockAndWriteNothing();
     void WhatIsNoServerTreeIsRefused();
+    void APipeAsTheReplyDoesNotHoldUpARun();
     void DirectoriesThatCannotBeListedAreNotPassedOver();
     void RefusalsAreToldQuietlyAndInJson();
     void OthersMayReadWhateverTheUmask();
@@ -474,6 +475,19 @@ void TestKxpublishList::DirectoriesThatCannotBeListedAreNotPassedOver()
         }
         QCOMPARE(site.Offered(), S("2"));
     }
+}
+
+void TestKxpublishList::APipeAsTheReplyDoesNotHoldUpARun()
+{
+    PublishSite site;
+    site.Add(S("1"));
+    const QString reply = site.Server() + S("/packages/version.xml");
+    QCOMPARE(::mkfifo(reply.toUtf8().constData(), 0644), 0);
+    // Without a writer opening it would wait for ever; the alarm ends that.
+    const auto limited = [] { ::alarm(5); };
+    const PublishResult result = kxtest::RunPublish({S("list"), site.Server()}, limited);
+    QCOMPARE(result.status, 0);
+    QCOMPARE(result.out.value(0), S("offered: nothing"));
 }
 
 QTEST_GUILESS_MAIN(TestKxpublishList)

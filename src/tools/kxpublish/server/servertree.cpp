@@ -63,6 +63,7 @@ void RemoveIfEmpty(const QString& path)
 }
 
 constexpr int pollMs = 100;
+constexpr qint64 maxReply = 64 * 1024;
 
 // Empty when the file does not say.
 QString LockHolder(QLockFile& lock, const QString& path)
@@ -199,8 +200,11 @@ QString ServerTree::ClosedDirectory() const
 
 QString ServerTree::OfferedVersion() const
 {
+    // Opening a pipe that a stranger has put in its place would wait.
+    if (!QFileInfo(VersionReplyPath()).isFile())
+        return {};
     QFile file(VersionReplyPath());
-    return file.open(QIODevice::ReadOnly) ? ReadVersionReply(file.readAll()) : QString();
+    return file.open(QIODevice::ReadOnly) ? ReadVersionReply(file.read(maxReply)) : QString();
 }
 
 bool ServerTree::Open(QString& error, int waitSeconds)
