@@ -12,6 +12,7 @@
 #include <QRegularExpression>
 #include <QTest>
 
+#include <fcntl.h>
 #include <functional>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -79,6 +80,7 @@ private Q_SLOTS:
     void BrokenBuildsAreListedWithTheReason();
     void ReadingCommandsNeedNoLockAndWriteNothing();
     void WhatIsNoServerTreeIsRefused();
+    void OutputThatCannotBeWrittenIsAFailure();
     void APipeAsTheReplyDoesNotHoldUpARun();
     void DirectoriesThatCannotBeListedAreNotPassedOver();
     void RefusalsAreToldQuietlyAndInJson();
@@ -488,6 +490,19 @@ void TestKxpublishList::APipeAsTheReplyDoesNotHoldUpARun()
     const PublishResult result = kxtest::RunPublish({S("list"), site.Server()}, limited);
     QCOMPARE(result.status, 0);
     QCOMPARE(result.out.value(0), S("offered: nothing"));
+}
+
+void TestKxpublishList::OutputThatCannotBeWrittenIsAFailure()
+{
+    PublishSite site;
+    site.Add(S("1"));
+    const auto full = [] { ::dup2(::open("/dev/full", O_WRONLY), STDOUT_FILENO); };
+    for (const QStringList& more : {QStringList(), QStringList({S("--json")})}) {
+        const PublishResult result =
+            kxtest::RunPublish(QStringList({S("list"), site.Server()}) + more, full);
+        QCOMPARE(result.err, QStringList({S("cannot write to the standard output")}));
+        QCOMPARE(result.status, 3);
+    }
 }
 
 QTEST_GUILESS_MAIN(TestKxpublishList)

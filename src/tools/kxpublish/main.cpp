@@ -36,6 +36,10 @@ ExitStatus Run(const QStringList& words)
         break;
     }
     publish::FinishOutput(line.Command(), status, publish::ResultWord(status));
+    if (publish::IsOutputLost()) {
+        publish::Complain(QStringLiteral("cannot write to the standard output"));
+        return status == publish::ExitDone ? publish::ExitFailed : status;
+    }
     return status;
 }
 

@@ -134,6 +134,11 @@ void FinishOutput(const QString& command, int exitStatus, const QString& word)
     Write(stdout, QString::fromUtf8(QJsonDocument(output.result).toJson()));
 }
 
+bool IsOutputLost()
+{
+    return std::ferror(stdout) != 0;
+}
+
 QString Printable(const QString& text)
 {
     QString printable;

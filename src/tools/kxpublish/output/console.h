@@ -44,6 +44,9 @@ void FlushOutput();
 /** Prints the JSON object, if there is to be one. Once, after everything else. */
 void FinishOutput(const QString& command, int exitStatus, const QString& word);
 
+/** True when something of stdout could not be written. */
+bool IsOutputLost();
+
 /** `text` with \xNN for each character that does not print, so that it can neither break a line nor
  *  drive the terminal. */
 QString Printable(const QString& text);
