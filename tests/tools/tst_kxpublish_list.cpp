@@ -80,6 +80,7 @@ private Q_SLOTS:
     void BrokenBuildsAreListedWithTheReason();
     void ReadingCommandsNeedNoLockAndWriteNothing();
     void WhatIsNoServerTreeIsRefused();
+    void JsonHasNumbersAndNoControlCharacters();
     void OutputThatCannotBeWrittenIsAFailure();
     void APipeAsTheReplyDoesNotHoldUpARun();
     void DirectoriesThatCannotBeListedAreNotPassedOver();
@@ -503,6 +504,30 @@ void TestKxpublishList::OutputThatCannotBeWrittenIsAFailure()
         QCOMPARE(result.err, QStringList({S("cannot write to the standard output")}));
         QCOMPARE(result.status, 3);
     }
+}
+
+void TestKxpublishList::JsonHasNumbersAndNoControlCharacters()
+{
+    PublishSite site;
+    site.Add(S("1"));
+    const PublishResult added =
+        kxtest::RunPublish(kxtest::With(kxtest::AddArguments(site.Tree().Root(), site.Server()),
+                                        S("--version"), S("2")) +
+                           QStringList({S("--json")}));
+    const auto object = [](const PublishResult& result) {
+        return QJsonDocument::fromJson(result.out.join(QLatin1Char('\n')).toUtf8()).object();
+    };
+    QCOMPARE(object(added).value(S("files")), QJsonValue(1));
+    QCOMPARE(object(added).value(S("linked")), QJsonValue(1));
+
+    // A control sequence of terminals, in the one character that XML lets through.
+    const QString index = site.BuildPath(S("2"), S("index.xml"));
+    kxtest::Write(index, kxtest::Read(index).replace("\"app\"", "\"a\xc2\x9b"
+                                                                "2Jb\""));
+    const PublishResult diff = site.Run(S("diff"), {S("1"), S("2"), S("--json")});
+    QCOMPARE(object(diff).value(S("programAfter")).toString(), S("a\xc2\x9b"
+                                                                 "2Jb"));
+    QVERIFY(!diff.out.join(QLatin1Char('\n')).contains(QChar(0x9b)));
 }
 
 QTEST_GUILESS_MAIN(TestKxpublishList)

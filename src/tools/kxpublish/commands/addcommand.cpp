@@ -262,7 +262,7 @@ void AddCommand::Report(const TreeContents& contents, const CopyTotals& totals) 
     const qsizetype links = contents.links.size();
     const quint64 newBytes = totals.bytes - totals.linkedBytes;
     const auto datum = [](const char* key, quint64 value) {
-        PrintDatum(QLatin1String(key), QString::number(value));
+        PrintDatum(QLatin1String(key), value);
     };
     PrintDatum(QStringLiteral("index"), server.ManifestPath(settings.build));
     datum("files", quint64(files));

@@ -39,6 +39,19 @@ void Write(FILE* stream, const QString& text)
     std::fflush(stream);
 }
 
+// JSON leaves all but the oldest control characters as they are; a terminal may be what reads it.
+void WriteJson(const QJsonObject& object)
+{
+    QString text;
+    for (const QChar c : QString::fromUtf8(QJsonDocument(object).toJson())) {
+        if (c.isPrint() || c.isSurrogate() || c == QLatin1Char('\n'))
+            text += c;
+        else
+            text += QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'));
+    }
+    Write(stdout, text);
+}
+
 QString Escaped(uint value)
 {
     return QStringLiteral("\\x%1").arg(value, 2, 16, QLatin1Char('0'));
@@ -110,7 +123,7 @@ void EndProgress()
 void FlushOutput()
 {
     if (TheOutput().style.json)
-        Write(stdout, QString::fromUtf8(QJsonDocument(TheOutput().result).toJson()));
+        WriteJson(TheOutput().result);
 }
 
 void FinishOutput(const QString& command, int exitStatus, const QString& word)
@@ -131,7 +144,7 @@ void FinishOutput(const QString& command, int exitStatus, const QString& word)
     };
     append(QStringLiteral("problems"), output.problems);
     append(QStringLiteral("warnings"), output.warnings);
-    Write(stdout, QString::fromUtf8(QJsonDocument(output.result).toJson()));
+    WriteJson(output.result);
 }
 
 bool IsOutputLost()
