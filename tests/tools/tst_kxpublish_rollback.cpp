@@ -50,6 +50,7 @@ private Q_SLOTS:
     void AsThatFailsRemovesNothingOfAnEarlierRun();
     void AsNeverLeadsBackToTheBadVersion();
     void NamesThatLeadOutOfTheTreeAreNotFollowed();
+    void AsFollowsNoLinkThatLeadsOutOfTheTree();
 
     void PruneKeepsTheLatestOfEachPlatform();
     void PruneKeepsWhatIsOfferedAndWhatARollbackNeeds();
@@ -547,6 +548,24 @@ void TestKxpublishRollback::AsThatFailsRemovesNothingOfAnEarlierRun()
     QCOMPARE(result.status, 3);
     // Nothing has been done that could be told.
     QCOMPARE(result.out, QStringList());
+    QCOMPARE(site.Visible(), before);
+}
+
+void TestKxpublishRollback::AsFollowsNoLinkThatLeadsOutOfTheTree()
+{
+    PublishSite site;
+    site.Tree().File(S("sub/file"), "12345");
+    site.Release(S("1"));
+    site.Release(S("2"));
+    const kxtest::TreeBuilder elsewhere;
+    const QString sub = site.BuildPath(S("1"), S("files/sub"));
+    QVERIFY(QDir(sub).removeRecursively());
+    kxtest::Write(elsewhere.Path(S("file")), "mine!");
+    QVERIFY(QFile::link(elsewhere.Root(), sub));
+    const QStringList before = site.Visible();
+    const PublishResult result = site.Run(S("rollback"), {S("--as"), S("3")});
+    QVERIFY(result.err.value(0).startsWith(S("'sub/file': ")));
+    QCOMPARE(result.status, 1);
     QCOMPARE(site.Visible(), before);
 }
 

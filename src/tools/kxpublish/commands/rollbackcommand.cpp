@@ -149,9 +149,10 @@ void RollbackCommand::PlanCopy(const Build& from)
         problems.Refuse(subject, problem);
         return;
     }
-    // A manifest that was written by other means must not lead out of the tree.
+    // A manifest that was written by other means must not lead out of the tree, nor a link that
+    // stands in place of a directory.
     for (const updater::File& file : std::as_const(copy.manifest.files)) {
-        const QString violation = common::PathGuard::NameViolation(file.Name());
+        const QString violation = common::PathGuard::Violation(server.FilesPath(from), file.Name());
         if (!violation.isEmpty()) {
             problems.Refuse(Shown(file.Name()), violation);
             return;
