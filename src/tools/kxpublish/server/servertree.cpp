@@ -336,12 +336,14 @@ bool ServerTree::MakeDirectories(const QString& path, QString& error)
     const QString parent = QFileInfo(path).path();
     if (parent == path || !MakeDirectories(parent, error))
         return false;
-    if (!QDir().mkdir(path)) {
+    if (QDir().mkdir(path)) {
+        made.append(path);
+    } else if (!QFileInfo(path).isDir()) {
+        // Before there is a lock, another run may make it at the same time.
         error =
             QStringLiteral("cannot make the directory %1: %2").arg(Shown(path), FileProblem(path));
         return false;
     }
-    made.append(path);
     return Sync(parent, error);
 }
 
