@@ -34,9 +34,10 @@ bool CheckServerTree(const ServerTree& server, const QString& path)
     }
     if (QFileInfo(server.PackagesPath()).isDir())
         return true;
-    Complain(Shown(path) + (QFileInfo::exists(path)
-                           ? QStringLiteral(": not a server tree, it has no directory 'packages'")
-                           : QStringLiteral(": no such directory")));
+    Complain(Shown(path) +
+             (QFileInfo::exists(path)
+                  ? QStringLiteral(": not a server tree, it has no directory 'packages'")
+                  : QStringLiteral(": no such directory")));
     return false;
 }
 
