@@ -436,6 +436,11 @@ void TestKxpublish::PromoteWritesTheReply()
     QCOMPARE(Snapshot(server), expected);
     QCOMPARE(RunPublish(PromoteArguments(S("2.4.1"), server)).status, 0);
     QCOMPARE(Snapshot(server), expected);
+
+    // What comes to a version that is on offer needs no promotion.
+    const PublishResult late = RunPublish(With(arguments, S("--name"), S("late")));
+    QVERIFY2(late.err.constLast().endsWith(S("; clients are offered it now")),
+             qPrintable(late.err.constLast()));
 }
 
 void TestKxpublish::PromoteTwiceTellsThatNothingHasChanged()

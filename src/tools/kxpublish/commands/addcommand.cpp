@@ -290,7 +290,10 @@ void AddCommand::Report(const TreeContents& contents, const CopyTotals& totals) 
                                          : QStringLiteral("are links to them"));
     if (!contents.leftOut.isEmpty())
         text += QStringLiteral("; %1 entries left out").arg(contents.leftOut.size());
+    // One version reply speaks for every package and platform: this one may say it already.
+    const bool isOffered = server.OfferedVersion() == settings.build.version;
     Say(text + (settings.dryRun ? QStringLiteral("; nothing is written")
+                : isOffered     ? QStringLiteral("; clients are offered it now")
                                 : QStringLiteral("; clients are offered it after 'promote'")));
 }
 

@@ -62,6 +62,14 @@ bool Answers(const NginxConfig& config)
     return socket.readAll().contains("\r\n\r\n" + probe);
 }
 
+// What nginx says before it writes its own log begins with its name.
+QByteArray WithoutName(const QByteArray& said)
+{
+    const QByteArray name("nginx: ");
+    const qsizetype place = said.indexOf(name);
+    return place < 0 ? said : said.mid(place + name.size());
+}
+
 // Some of it comes from clients.
 QString Printable(QByteArray line)
 {
@@ -145,7 +153,7 @@ LocalNginx::Outcome LocalNginx::StartOnce(const NginxConfig& config, QString& er
             error = process.error() == QProcess::FailedToStart
                         ? QStringLiteral("cannot start nginx: ") + process.errorString()
                         : QStringLiteral("nginx does not start: ") +
-                              Printable(said.mid(said.indexOf("nginx: ") + 7).split('\n').first());
+                              Printable(WithoutName(said).split('\n').first());
             if (!said.contains("Address already in use"))
                 return Outcome::Failed;
             error = QStringLiteral("port %1 is taken by another program").arg(config.port);
