@@ -1,0 +1,112 @@
+// What --json prints: one object with the same frame, for each command and each outcome.
+
+#include "publishsite.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTest>
+
+using kxtest::PublishResult;
+using kxtest::PublishSite;
+
+namespace {
+
+QString S(const char* text)
+{
+    return QString::fromUtf8(text);
+}
+
+} // namespace
+
+class TestKxpublishJson : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() { kxtest::KeepTreesInMemory(); }
+    void EveryOutcomeIsOneObject_data();
+    void EveryOutcomeIsOneObject();
+};
+
+// "SITE" stands for the server tree and "TREE" for the tree to publish.
+void TestKxpublishJson::EveryOutcomeIsOneObject_data()
+{
+    QTest::addColumn<QStringList>("words");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("result");
+    QTest::addColumn<QStringList>("members");
+    const auto row = [](const char* name, const char* line, int status, const char* result,
+                        const QStringList& members) {
+        QTest::newRow(name) << S(line).split(u' ') << status << S(result) << members;
+    };
+    const char* add = "add --name n --version 9 --exec app --base-url http://u.example --out SITE "
+                      "TREE";
+    row("add", add, 0, "done",
+        {"index", "files", "links", "bytes", "linked", "linked-bytes", "new-bytes", "left-out"});
+    row("add, refused", "add --name n/ --version 9 --exec app --base-url x --out SITE TREE", 1,
+        "refused", {});
+    row("add, usage", "add TREE", 2, "usage", {});
+    row("promote", "promote --version 1 --out SITE", 0, "done", {"reply", "version"});
+    row("promote, refused", "promote --version 7 --out SITE", 1, "refused", {});
+    row("promote, failed", "promote --version 1 --out LOCKED", 3, "failed", {});
+    row("rollback", "rollback SITE", 0, "done",
+        {"before", "target", "version", "published", "dryRun"});
+    row("rollback under another version", "rollback SITE --as 5", 0, "done",
+        {"before", "target", "version", "published", "dryRun"});
+    row("rollback, refused", "rollback SITE --as 1", 1, "refused", {});
+    row("list", "list SITE", 0, "done", {"offered", "promotable", "builds"});
+    row("list, refused", "list TREE", 1, "refused", {});
+    row("diff", "diff SITE 1 2", 0, "done", {});
+    row("diff, refused", "diff SITE 1 8", 1, "refused", {});
+    row("verify", "verify SITE", 0, "done", {"builds"});
+    row("verify, damaged", "verify DAMAGED", 5, "damaged", {"builds"});
+    row("verify, no server", "verify http://127.0.0.1:1 --name demo-app", 5, "damaged", {});
+    row("prune", "prune SITE --keep 1", 0, "done", {});
+    row("prune, number", "prune SITE --keep x", 2, "usage", {});
+    row("serve, refused", "serve SITE --port x", 1, "refused", {});
+    row("unknown command", "publish", 2, "usage", {});
+    row("unknown option", "list --bad SITE", 2, "usage", {});
+}
+
+void TestKxpublishJson::EveryOutcomeIsOneObject()
+{
+    QFETCH(QStringList, words);
+    QFETCH(int, status);
+    QFETCH(QString, result);
+    QFETCH(QStringList, members);
+    PublishSite site;
+    kxtest::TreeBuilder locked;
+    site.Release(S("1"));
+    site.Release(S("2"));
+    if (words.contains(S("DAMAGED")))
+        QVERIFY(QFile::remove(site.BuildPath(S("2"), S("files/app"))));
+    // A directory in the place of the lock file lets no run have it.
+    locked.File(S("packages/.kxpublish.lock/x"), "x");
+    words.replaceInStrings(S("DAMAGED"), site.Server())
+        .replaceInStrings(S("SITE"), site.Server())
+        .replaceInStrings(S("LOCKED"), locked.Root())
+        .replaceInStrings(S("TREE"), site.Tree().Root());
+
+    const PublishResult run = kxtest::RunPublish(words + QStringList{S("--json")});
+    QJsonParseError problem;
+    const QJsonObject object =
+        QJsonDocument::fromJson(run.out.join(u'\n').toUtf8(), &problem).object();
+    QVERIFY2(problem.error == QJsonParseError::NoError, qPrintable(run.out.join(u'\n')));
+    QCOMPARE(run.status, status);
+    QCOMPARE(object.value(S("exit")).toInt(-1), status);
+    QCOMPARE(object.value(S("result")).toString(), result);
+    const bool isKnown = words.first() != S("publish");
+    QCOMPARE(object.value(S("command")).toString(), isKnown ? words.first() : QString());
+    QVERIFY(object.value(S("problems")).isArray());
+    QVERIFY(object.value(S("warnings")).isArray());
+    // What is not done says why. A verification tells it build by build.
+    const bool tells = !object.value(S("problems")).toArray().isEmpty();
+    if (status != 5)
+        QCOMPARE(tells, status != 0);
+    for (const QString& member : std::as_const(members))
+        QVERIFY2(object.contains(member), qPrintable(member));
+}
+
+QTEST_GUILESS_MAIN(TestKxpublishJson)
+#include "tst_kxpublish_json.moc"
