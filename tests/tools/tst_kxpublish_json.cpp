@@ -5,6 +5,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSet>
 #include <QTest>
 
 using kxtest::PublishResult;
@@ -15,6 +16,32 @@ namespace {
 QString S(const char* text)
 {
     return QString::fromUtf8(text);
+}
+
+/** Names of all members of `value`, and of what is in them. */
+QSet<QString> MembersOf(const QJsonValue& value)
+{
+    QSet<QString> names;
+    for (const QJsonValue& element : value.toArray())
+        names += MembersOf(element);
+    const QJsonObject object = value.toObject();
+    for (auto member = object.constBegin(); member != object.constEnd(); ++member) {
+        names.insert(member.key());
+        names += MembersOf(member.value());
+    }
+    return names;
+}
+
+/** What the guide tells of the object that `command` prints. */
+QString Documented(const QString& command)
+{
+    const QString guide = QString::fromUtf8(kxtest::Read(S(KX_SOURCE_DIR "/docs/publishing.md")));
+    QString text;
+    for (const QString& line : guide.split(u'\n')) {
+        if (line.startsWith(S("| every one |")) || line.startsWith(S("| `%1` |").arg(command)))
+            text += line;
+    }
+    return text;
 }
 
 } // namespace
@@ -43,7 +70,7 @@ void TestKxpublishJson::EveryOutcomeIsOneObject_data()
     const char* add = "add --name n --version 9 --exec app --base-url http://u.example --out SITE "
                       "TREE";
     row("add", add, 0, "done",
-        {"index", "files", "links", "bytes", "linked", "linked-bytes", "new-bytes", "left-out"});
+        {"index", "files", "links", "bytes", "linked", "linkedBytes", "newBytes", "leftOut"});
     row("add, refused", "add --name n/ --version 9 --exec app --base-url x --out SITE TREE", 1,
         "refused", {});
     row("add, usage", "add TREE", 2, "usage", {});
@@ -104,6 +131,9 @@ void TestKxpublishJson::EveryOutcomeIsOneObject()
     const bool tells = !object.value(S("problems")).toArray().isEmpty();
     if (status != 5)
         QCOMPARE(tells, status != 0);
+    const QString documented = Documented(words.first());
+    for (const QString& member : MembersOf(object))
+        QVERIFY2(documented.contains(u'`' + member + u'`'), qPrintable(member));
     for (const QString& member : std::as_const(members))
         QVERIFY2(object.contains(member), qPrintable(member));
 }

@@ -57,6 +57,15 @@ QString Escaped(uint value)
     return QStringLiteral("\\x%1").arg(value, 2, 16, QLatin1Char('0'));
 }
 
+// "linked-bytes" as "linkedBytes", as members are called elsewhere.
+QString MemberName(const QString& key)
+{
+    QStringList words = key.split(QLatin1Char('-'));
+    for (qsizetype i = 1; i < words.size(); ++i)
+        words[i].replace(0, 1, words.at(i).left(1).toUpper());
+    return words.join(QString());
+}
+
 } // namespace
 
 void SetOutputStyle(const OutputStyle& style)
@@ -85,7 +94,7 @@ void Warn(const QString& text)
 void PrintDatum(const QString& key, const QString& value)
 {
     if (TheOutput().style.json)
-        TheOutput().result.insert(key, value);
+        TheOutput().result.insert(MemberName(key), value);
     else
         TheOutput().console->Data(key, value);
 }
@@ -93,7 +102,7 @@ void PrintDatum(const QString& key, const QString& value)
 void PrintDatum(const QString& key, quint64 value)
 {
     if (TheOutput().style.json)
-        TheOutput().result.insert(key, qint64(value));
+        TheOutput().result.insert(MemberName(key), qint64(value));
     else
         TheOutput().console->Data(key, QString::number(value));
 }

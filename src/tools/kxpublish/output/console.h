@@ -23,7 +23,8 @@ void Complain(const QString& text);
 /** A message about something that is done nevertheless. Part of "warnings", too. */
 void Warn(const QString& text);
 
-/** One datum for scripts: "KEY: VALUE" as a line on stdout, or a member of the JSON object. */
+/** One datum for scripts: "KEY: VALUE" as a line on stdout, or a member of the JSON object,
+ *  there with capitals instead of dashes. */
 void PrintDatum(const QString& key, const QString& value);
 /** The same for a number: in JSON it is one, up to 2^53 exactly. */
 void PrintDatum(const QString& key, quint64 value);
