@@ -37,8 +37,9 @@ void AddTransfer(const updater::TransferProgress& transfer, tools::ProgressFigur
     if (!active.isEmpty())
         figures.file = active.first().name;
 
-    const double share = bytes > 0 ? double(transfer.BytesDone()) / double(bytes)
-                                   : double(figures.filesDone) / files;
+    // Of the bytes that are shown: more may have come since.
+    const double share =
+        bytes > 0 ? double(figures.bytesDone) / double(bytes) : double(figures.filesDone) / files;
     // What has come still has to be checked and put into place.
     figures.percent = figures.filesDone == files ? 100 : qMin(99, int(share * 100));
 }
