@@ -61,7 +61,8 @@ This package holds the headers, and what CMake and pkg-config need.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${kx_package_tools})
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${kx_package_runtime} ${kx_exact}")
-set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS ${kx_package_documentation})
+# nginx is what kxpublish serve runs.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "${kx_package_documentation}, nginx")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "publishing and installing program updates from the command line
 ${kx_about}
 
