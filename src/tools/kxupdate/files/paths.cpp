@@ -1,36 +1,8 @@
 #include "paths.h"
 
-#include <QDir>
 #include <QFileInfo>
 #include <QSaveFile>
 #include <QTemporaryDir>
-#include <QTemporaryFile>
-
-QString ResolvedPath(const QString& path)
-{
-    QString existing = QDir::cleanPath(path);
-    QString rest;
-    for (;;) {
-        const QString canonical = QFileInfo(existing).canonicalFilePath();
-        if (!canonical.isEmpty())
-            return rest.isEmpty() ? canonical : QDir::cleanPath(canonical + u'/' + rest);
-        const qsizetype cut = existing.lastIndexOf(u'/');
-        if (cut < 0)
-            return QDir::cleanPath(path);
-        const QString name = existing.mid(cut + 1);
-        rest = rest.isEmpty() ? name : name + u'/' + rest;
-        existing.truncate(cut);
-        if (existing.isEmpty())
-            existing = QStringLiteral("/");
-    }
-}
-
-bool IsInside(const QString& inner, const QString& outer)
-{
-    if (inner == outer)
-        return true;
-    return inner.startsWith(outer.endsWith(u'/') ? outer : outer + u'/');
-}
 
 QString WriteProblem(const QString& directory)
 {
@@ -58,15 +30,6 @@ bool Commit(QSaveFile& file, const QByteArray& bytes)
         done += count;
     }
     return (file.flush() || file.flush()) && file.commit();
-}
-
-QString FileProblem(const QString& path)
-{
-    // On a full volume only what stands in a file finds no room, so the probe writes something.
-    QTemporaryFile probe(path + QStringLiteral(".XXXXXX"));
-    if (probe.open() && probe.write("x") == 1 && probe.flush())
-        return QStringLiteral("the system does not tell why");
-    return probe.errorString();
 }
 
 QString Sample(const QStringList& names)

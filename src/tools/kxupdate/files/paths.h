@@ -1,15 +1,15 @@
 #pragma once
 
+#include "common/paths.h"
+
 #include <QString>
 #include <QStringList>
 
 class QSaveFile;
 
-/** `path` with every link of its existing part resolved. */
-QString ResolvedPath(const QString& path);
-
-/** True when `inner` is `outer` or lies inside it; both resolved. */
-bool IsInside(const QString& inner, const QString& outer);
+using tools::FileProblem;
+using tools::IsInside;
+using tools::ResolvedPath;
 
 /**
  * Makes and removes a directory in `directory`: the only test of rights that also holds for
@@ -29,9 +29,6 @@ QString OwnFileProblem(const QString& file);
  * write-out of its buffer at the commit went.
  */
 bool Commit(QSaveFile& file, const QByteArray& bytes);
-
-/** Why no file with content can be made beside `path`; some text in any case. */
-QString FileProblem(const QString& path);
 
 /** Up to five of `names`, and how many more there are; for a message. */
 QString Sample(const QStringList& names);
