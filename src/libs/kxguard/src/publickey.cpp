@@ -1,0 +1,7 @@
+#include <kxguard/publickey.h>
+
+namespace guard {
+
+PublicKey::PublicKey() = default;
+
+} // namespace guard
