@@ -1,9 +1,9 @@
 #include "applicationdirectory.h"
 
-#include "diskspace.h"
 #include "paths.h"
 
 #include <kxcommon/filecommands.h>
+#include <kxguard/diskspace.h>
 
 #include <QDir>
 #include <QDirIterator>
@@ -96,7 +96,7 @@ quint64 ApplicationDirectory::LeftoverSize() const
     const QFileInfo info(path);
     // Where the library copies a directory before it is renamed into place.
     const QString copy = info.absolutePath() + QStringLiteral("/.%1.kxnew").arg(info.fileName());
-    return TreeSize(copy) + (Exists() ? TreeSize(BackupPath()) : 0);
+    return guard::TreeSize(copy) + (Exists() ? guard::TreeSize(BackupPath()) : 0);
 }
 
 QStringList ApplicationDirectory::Unlisted(const updater::FileList& manifest) const

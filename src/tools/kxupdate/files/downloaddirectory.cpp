@@ -1,10 +1,10 @@
 #include "downloaddirectory.h"
 
 #include "applicationdirectory.h"
-#include "diskspace.h"
 #include "paths.h"
 
 #include <kxcommon/ifiledownload.h>
+#include <kxguard/diskspace.h>
 
 #include <QDateTime>
 #include <QDir>
@@ -64,7 +64,7 @@ public:
             if (IsRealDirectory(entry))
                 sum += Size(entry.filePath(), block);
             else if (!Keeps(entry) && !entry.isSymLink())
-                sum += InBlocks(quint64(entry.size()), block);
+                sum += guard::InBlocks(quint64(entry.size()), block);
         }
         return sum;
     }
@@ -190,7 +190,7 @@ QString DownloadDirectory::Clear(const updater::FileList& manifest, int& removed
 
 quint64 DownloadDirectory::ClearedSize(const updater::FileList& manifest) const
 {
-    return Cleaner(path, manifest).Size(path, BlockSize(path));
+    return Cleaner(path, manifest).Size(path, guard::BlockSize(path));
 }
 
 bool DownloadDirectory::IsEmpty() const

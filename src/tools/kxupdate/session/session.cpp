@@ -2,10 +2,10 @@
 
 #include "common/console.h"
 #include "files/configfile.h"
-#include "files/diskspace.h"
 #include "files/packagefile.h"
 #include "files/paths.h"
 
+#include <kxguard/diskspace.h>
 #include <kxupdater/transferprogress.h>
 
 #include <QDir>
@@ -318,14 +318,14 @@ void Session::PrepareDownload()
     QString problem = download.ClaimViolation();
     if (!problem.isEmpty())
         return Refuse(problem);
-    SpaceDemand demand;
+    guard::SpaceDemand demand;
     demand.download = download.Path();
     demand.freedBesideDownload = download.ClearedSize(manifest);
     if (Swaps()) {
         demand.application = application.Path();
         demand.freedBesideApplication = application.LeftoverSize();
     }
-    problem = SpaceProblem(manifest, demand);
+    problem = guard::SpaceProblem(manifest, demand);
     if (!problem.isEmpty())
         return Refuse(problem);
     problem = download.Claim();
@@ -400,10 +400,10 @@ void Session::CheckAssembly()
                                      "package lists: %2.")
                           .arg(download.Path(), Sample(hidden)) +
                       again);
-    SpaceDemand demand;
+    guard::SpaceDemand demand;
     demand.application = application.Path();
     demand.freedBesideApplication = application.LeftoverSize();
-    const QString space = SpaceProblem(manifest, demand);
+    const QString space = guard::SpaceProblem(manifest, demand);
     if (!space.isEmpty())
         return Refuse(space);
     Next();

@@ -1,4 +1,4 @@
-#include "diskspace.h"
+#include <kxguard/diskspace.h>
 
 #include "volume.h"
 
@@ -12,6 +12,7 @@
 
 #include <limits>
 
+namespace guard {
 namespace {
 
 // Sizes come from the server: a sum must not wrap round to a small one.
@@ -93,7 +94,7 @@ quint64 Demand(const updater::FileList& manifest, const QStorageInfo& volume, co
     return sum;
 }
 
-QString Problem(const QStorageInfo& volume, quint64 needed)
+QString Shortage(const QStorageInfo& volume, quint64 needed)
 {
     if (!volume.isValid() || volume.bytesAvailable() < 0 ||
         needed <= quint64(volume.bytesAvailable()))
@@ -121,13 +122,13 @@ QString SpaceProblem(const updater::FileList& manifest, const SpaceDemand& deman
         forSwap = Subtract(Demand(manifest, installed, QString()), demand.freedBesideApplication);
 
     if (demand.download.isEmpty())
-        return Problem(installed, forSwap);
+        return Shortage(installed, forSwap);
     if (demand.application.isEmpty())
-        return Problem(assembly, forDownload);
+        return Shortage(assembly, forDownload);
     if (IsShared(demand.download, demand.application))
-        return Problem(assembly, Add(forDownload, forSwap));
-    const QString problem = Problem(assembly, forDownload);
-    return problem.isEmpty() ? Problem(installed, forSwap) : problem;
+        return Shortage(assembly, Add(forDownload, forSwap));
+    const QString problem = Shortage(assembly, forDownload);
+    return problem.isEmpty() ? Shortage(installed, forSwap) : problem;
 }
 
 quint64 BlockSize(const QString& path)
@@ -156,3 +157,5 @@ quint64 TreeSize(const QString& path)
     }
     return sum;
 }
+
+} // namespace guard

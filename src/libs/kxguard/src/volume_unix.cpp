@@ -4,6 +4,8 @@
 
 #include <sys/stat.h>
 
+namespace guard {
+
 bool IsOneFileSystem(const QString& a, const QString& b)
 {
     struct stat first = {};
@@ -11,3 +13,5 @@ bool IsOneFileSystem(const QString& a, const QString& b)
     return ::stat(QFile::encodeName(a).constData(), &first) == 0 &&
            ::stat(QFile::encodeName(b).constData(), &second) == 0 && first.st_dev == second.st_dev;
 }
+
+} // namespace guard
