@@ -3,6 +3,7 @@
 #include <kxguard/errors.h>
 #include <kxguard/kxguard_export.h>
 #include <kxguard/publickey.h>
+#include <kxguard/recover.h>
 #include <kxupdater/iupdater.h>
 
 #include <QList>
@@ -68,6 +69,9 @@ public:
     Problem Lock(int waitMs = 0);
     void Unlock();
     bool IsLocked() const;
+    /** Recover() for the holder of the lock; Busy without Lock(). Blocks while a tree is removed.
+     */
+    Recovery Recover();
 
     /** Why the last install was refused; 0 and empty when it was not, or by the host's callback.
      *  Any thread. */
@@ -79,7 +83,6 @@ public:
 
 private Q_SLOTS:
     void OnInstalling();
-    void OnStateChanged(const QString& name);
     void OnEnded();
 
 private:

@@ -53,4 +53,8 @@ KXGUARD_EXPORT QByteArray CanonicalRecords(const SignedBuild& build);
 KXGUARD_EXPORT Problem CheckPackageXml(const QString& xml, const PackageIdentity& wanted,
                                        const QList<PublicKey>& keys);
 
+/** Whether the build that an updater reads from `xml` for the package `name` carries a signature,
+ *  good or not. */
+KXGUARD_EXPORT bool CarriesSignature(const QString& name, const QString& xml);
+
 } // namespace guard

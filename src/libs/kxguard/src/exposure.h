@@ -1,0 +1,19 @@
+#pragma once
+
+#include <QString>
+
+namespace guard {
+
+/**
+ * Why another user than the one who runs this, or the administrator, may change the entry at `path`
+ * itself; a link is looked at, not followed. Empty when nobody may. Group rights do not count: many
+ * systems give each user a group of their own. `isMeantWritable`: the entry is meant to be writable
+ * for all.
+ */
+QString Exposure(const QString& path, bool isMeantWritable = false);
+
+/** The same for the directories above `path`: in one that all may write, without the restriction
+ *  that temporary directories have, anybody may put another entry at the path. */
+QString ParentExposure(const QString& path);
+
+} // namespace guard

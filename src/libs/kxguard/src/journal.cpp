@@ -1,0 +1,126 @@
+#include "journal.h"
+
+#include <kxcommon/durablefiles.h>
+
+#include <QFile>
+#include <QFileInfo>
+#include <QHash>
+
+namespace guard {
+namespace {
+
+constexpr qint64 largest = 256 * 1024 * 1024;
+const char header[] = "kxjournal 1";
+
+bool IsWord(const QByteArray& text)
+{
+    return text.size() <= 100 && !text.contains(' ');
+}
+
+// The rest of `line` behind "KEY ".
+bool Value(const QByteArray& line, const char* key, QByteArray* value)
+{
+    const QByteArray begin = QByteArray(key) + ' ';
+    if (!line.startsWith(begin))
+        return false;
+    *value = line.mid(begin.size());
+    return true;
+}
+
+bool ParseEntry(const QByteArray& line, InventoryEntry* entry)
+{
+    QByteArray value;
+    if (Value(line, "link", &value)) {
+        entry->kind = InventoryEntry::Link;
+    } else if (Value(line, "file", &value)) {
+        const qsizetype blank = value.indexOf(' ');
+        bool isNumber = false;
+        entry->size = value.left(blank).toULongLong(&isNumber);
+        if (blank <= 0 || !isNumber)
+            return false;
+        value = value.mid(blank + 1);
+    } else {
+        return false;
+    }
+    entry->name = QString::fromUtf8(value);
+    return !value.isEmpty();
+}
+
+} // namespace
+
+QByteArray Journal::Text() const
+{
+    QByteArray text = header;
+    text += "\napplication " + application.toUtf8() + "\nbackup " + backup.toUtf8() + '\n';
+    for (const InventoryEntry& entry : entries) {
+        if (entry.kind == InventoryEntry::Link)
+            text += "link " + entry.name.toUtf8() + '\n';
+        else
+            text += "file " + QByteArray::number(entry.size) + ' ' + entry.name.toUtf8() + '\n';
+    }
+    return text + "end " + QByteArray::number(entries.size()) + '\n';
+}
+
+bool Journal::Parse(const QByteArray& text, Journal* journal)
+{
+    *journal = Journal();
+    QList<QByteArray> lines = text.split('\n');
+    QByteArray application;
+    QByteArray backup;
+    if (lines.size() < 5 || !lines.takeLast().isEmpty() || lines.at(0) != header ||
+        !Value(lines.at(1), "application", &application) || !IsWord(application) ||
+        !Value(lines.at(2), "backup", &backup) || !IsWord(backup))
+        return false;
+    const qsizetype count = lines.size() - 4;
+    if (lines.takeLast() != "end " + QByteArray::number(count))
+        return false;
+    journal->application = QString::fromUtf8(application);
+    journal->backup = QString::fromUtf8(backup);
+    journal->entries.reserve(count);
+    for (const QByteArray& line : lines.mid(3)) {
+        InventoryEntry entry;
+        if (!ParseEntry(line, &entry))
+            return false;
+        journal->entries.append(entry);
+    }
+    return true;
+}
+
+QString Journal::PathFor(const QString& appDir)
+{
+    return common::DurableFiles::HiddenSibling(appDir, QStringLiteral(".kxjournal"));
+}
+
+bool Journal::Read(const QString& appDir, Journal* journal)
+{
+    const QFileInfo info(PathFor(appDir));
+    if (info.isSymLink() || !info.isFile() || info.size() > largest)
+        return false;
+    QFile file(info.filePath());
+    return file.open(QIODevice::ReadOnly) && Parse(file.read(largest), journal);
+}
+
+Journal::Match Journal::Compare(const QList<InventoryEntry>& tree) const
+{
+    QHash<QString, const InventoryEntry*> wanted;
+    for (const InventoryEntry& entry : entries)
+        wanted.insert(entry.name, &entry);
+    bool hasOthers = false;
+    for (const InventoryEntry& entry : tree) {
+        const InventoryEntry* expected = wanted.value(entry.name);
+        const bool isSame =
+            expected && entry.kind == expected->kind && entry.size == expected->size;
+        // What a power cut has left of a file is shorter.
+        const bool isCut = expected && entry.kind == InventoryEntry::File &&
+                           expected->kind == InventoryEntry::File && entry.size < expected->size;
+        if (isSame)
+            wanted.remove(entry.name);
+        else if (!isCut)
+            hasOthers = true;
+    }
+    if (wanted.isEmpty())
+        return Match::Complete;
+    return hasOthers ? Match::Other : Match::Part;
+}
+
+} // namespace guard

@@ -1,0 +1,256 @@
+#include <kxguard/recover.h>
+
+#include "fileidentity.h"
+#include "journal.h"
+#include "recovery.h"
+#include "treeinventory.h"
+
+#include <kxcommon/durablefiles.h>
+#include <kxguard/filelock.h>
+
+#include <QDir>
+#include <QFileInfo>
+
+namespace guard {
+namespace {
+
+using common::DurableFiles;
+
+enum class Standing { Nothing, Directory, Other };
+
+Standing StandingAt(const QString& path)
+{
+    const QFileInfo info(path);
+    if (info.isSymLink())
+        return Standing::Other;
+    if (!info.exists())
+        return Standing::Nothing;
+    return info.isDir() ? Standing::Directory : Standing::Other;
+}
+
+QString Clean(const QString& appDir)
+{
+    return QDir::cleanPath(appDir);
+}
+
+/** One look at an application and what stands around it, and what follows from that. */
+class Recoverer
+{
+public:
+    Recoverer(const QString& appDir, Removals removals)
+        : app(Clean(appDir)),
+          old(app + QStringLiteral(".old")),
+          fresh(DurableFiles::HiddenSibling(app, QStringLiteral(".kxnew"))),
+          journalPath(Journal::PathFor(app)),
+          unfinishedJournal(DurableFiles::HiddenSibling(journalPath, QStringLiteral(".kxtmp"))),
+          mayRemove(removals == Removals::Do),
+          hasJournal(Journal::Read(app, &journal))
+    {
+    }
+
+    /** Without the lock: whether there is anything to do at all. */
+    bool IsQuiet() const
+    {
+        if (StandingAt(journalPath) != Standing::Nothing || QFileInfo(unfinishedJournal).isFile())
+            return false;
+        return StandingAt(app) != Standing::Nothing || StandingAt(old) != Standing::Directory;
+    }
+
+    Recovery Look() const;
+    Recovery Run();
+
+private:
+    bool IsOldVersion(const QString& path) const;
+    QString PutBack();
+    QString Decide();
+    QString CleanUp();
+    void Say(const QString& text) { said << text; }
+
+    const QString app;
+    const QString old;
+    const QString fresh;
+    const QString journalPath;
+    const QString unfinishedJournal;
+    const bool mayRemove;
+    Journal journal;
+    const bool hasJournal;
+
+    RecoveryState state = RecoveryState::Whole;
+    QStringList said;
+};
+
+Recovery Recoverer::Look() const
+{
+    if (StandingAt(app) != Standing::Nothing)
+        return {RecoveryState::Whole, QStringLiteral("'%1' stands.").arg(app)};
+    return {RecoveryState::Absent,
+            QStringLiteral("There is no '%1', and no backup of it.").arg(app)};
+}
+
+bool Recoverer::IsOldVersion(const QString& path) const
+{
+    if (journal.application == NoIdentity())
+        return false;
+    // Where the system does not tell directories apart, their names have to do.
+    const QString identity = IdentityOf(path);
+    return journal.application.isEmpty() || identity.isEmpty() || identity == journal.application;
+}
+
+// The old version, aside in the backup, comes back to its place.
+QString Recoverer::PutBack()
+{
+    const QString problem = DurableFiles::Rename(old, app);
+    if (!problem.isEmpty())
+        return problem;
+    state = RecoveryState::Restored;
+    Say(QStringLiteral("An install was interrupted: '%1' was renamed back to '%2'.").arg(old, app));
+    return QString();
+}
+
+// Both stand there, or the application alone, and a journal tells of an install.
+QString Recoverer::Decide()
+{
+    if (IsOldVersion(app) && !journal.application.isEmpty())
+        return QString(); // the swap had not begun, or has been undone
+    QList<InventoryEntry> entries;
+    QString unreadable;
+    if (!TakeInventory(app, &entries, &unreadable))
+        return QStringLiteral("Cannot list '%1'").arg(unreadable);
+    const Journal::Match match = journal.Compare(entries);
+    const bool hasOld = StandingAt(old) == Standing::Directory && IsOldVersion(old);
+
+    if (match == Journal::Match::Complete) {
+        if (!hasOld)
+            return QString();
+        if (!mayRemove)
+            return QString();
+        const QString problem = DurableFiles::RemoveTree(old);
+        if (!problem.isEmpty())
+            return problem;
+        state = RecoveryState::Finished;
+        Say(QStringLiteral("The new version stands in '%1'; the rest of the old one, '%2', is "
+                           "removed.")
+                .arg(app, old));
+        return QString();
+    }
+    if (match == Journal::Match::Other) {
+        Say(QStringLiteral("'%1' holds something else than the interrupted install was putting "
+                           "there, so '%2' is left alone.")
+                .arg(app, old));
+        return QString();
+    }
+    if (!hasOld) {
+        state = RecoveryState::Absent;
+        Say(QStringLiteral("'%1' holds only a part of the version that an interrupted install was "
+                           "putting there, and no older one is left; an install replaces it.")
+                .arg(app));
+        return QString();
+    }
+    // Aside first, so that the old version is back before the long work begins.
+    QString problem = DurableFiles::RemoveTree(fresh);
+    if (problem.isEmpty())
+        problem = DurableFiles::Rename(app, fresh);
+    return problem.isEmpty() ? PutBack() : problem;
+}
+
+QString Recoverer::CleanUp()
+{
+    if (StandingAt(fresh) != Standing::Nothing) {
+        if (!mayRemove)
+            return QString();
+        const QString problem = DurableFiles::RemoveTree(fresh);
+        if (!problem.isEmpty())
+            return problem;
+        Say(QStringLiteral("The unfinished copy '%1' is removed.").arg(fresh));
+        if (state == RecoveryState::Whole)
+            state = RecoveryState::Cleaned;
+    }
+    // The rest of an old version waits for who may remove it.
+    const bool isLeft = StandingAt(app) == Standing::Directory &&
+                        StandingAt(old) == Standing::Directory && IsOldVersion(old) &&
+                        journal.application != IdentityOf(app);
+    if (isLeft && !mayRemove)
+        return QString();
+    const QString problem = DurableFiles::Remove(journalPath);
+    if (!problem.isEmpty())
+        return problem;
+    if (state == RecoveryState::Whole)
+        state = RecoveryState::Cleaned;
+    return QString();
+}
+
+Recovery Recoverer::Run()
+{
+    const Standing appStands = StandingAt(app);
+    const Standing oldStands = StandingAt(old);
+    QString problem;
+    if (appStands == Standing::Nothing && oldStands == Standing::Directory)
+        problem = PutBack();
+    else if (appStands == Standing::Nothing)
+        state = RecoveryState::Absent;
+    else if (appStands == Standing::Directory && hasJournal)
+        problem = Decide();
+    if (problem.isEmpty() && hasJournal)
+        problem = CleanUp();
+    // Its writer was killed before the swap began, and nobody else gives a file this name.
+    if (problem.isEmpty() && QFileInfo(unfinishedJournal).isFile())
+        problem = DurableFiles::Remove(unfinishedJournal);
+    if (!problem.isEmpty())
+        return {RecoveryState::Failed, (said + QStringList{problem + QLatin1Char('.')}).join(u' ')};
+    if (!hasJournal && StandingAt(journalPath) != Standing::Nothing)
+        Say(QStringLiteral("'%1' is no journal of an install, and nothing is removed because of "
+                           "it; remove it.")
+                .arg(journalPath));
+    if (said.isEmpty())
+        said << Look().text;
+    return {state, said.join(u' ')};
+}
+
+} // namespace
+
+QString ApplicationViolation(const QString& appDir)
+{
+    const QString path = Clean(appDir);
+    if (appDir.isEmpty() || !QDir::isAbsolutePath(path))
+        return QStringLiteral("'%1' is not an absolute path").arg(appDir);
+    const QFileInfo info(path);
+    const QString canonical = info.exists() ? info.canonicalFilePath() : path;
+    const QString home = QFileInfo(QDir::homePath()).canonicalFilePath();
+    if (QDir(canonical).isRoot() || home == canonical ||
+        home.startsWith(canonical + QLatin1Char('/')))
+        return QStringLiteral("'%1' is the root, or holds the home directory").arg(appDir);
+    if (info.isSymLink())
+        return QStringLiteral("'%1' is a symbolic link").arg(appDir);
+    if (info.exists() && !info.isDir())
+        return QStringLiteral("'%1' is not a directory").arg(appDir);
+    return QString();
+}
+
+Recovery RecoverLocked(const QString& appDir, Removals removals)
+{
+    return Recoverer(appDir, removals).Run();
+}
+
+Recovery Recover(const QString& appDir, int waitMs)
+{
+    const QString violation = ApplicationViolation(appDir);
+    if (!violation.isEmpty())
+        return {RecoveryState::Failed,
+                QStringLiteral("Cannot recover an application: %1.").arg(violation)};
+    const Recoverer look(appDir, Removals::Do);
+    if (look.IsQuiet())
+        return look.Look();
+    FileLock lock(ApplicationLockPath(Clean(appDir)));
+    switch (lock.Take(waitMs)) {
+    case FileLock::Result::Taken:
+        return RecoverLocked(appDir, Removals::Do);
+    case FileLock::Result::Busy:
+        return {RecoveryState::Busy,
+                QStringLiteral("An install of '%1' is under way. %2").arg(appDir, lock.Reason())};
+    case FileLock::Result::Failed:
+        break;
+    }
+    return {RecoveryState::Failed, lock.Reason()};
+}
+
+} // namespace guard
