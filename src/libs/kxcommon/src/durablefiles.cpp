@@ -119,8 +119,13 @@ QString DurableFiles::RemoveTree(const QString& path)
     fileops::Error error = parent.OpenAnchor(split.parent);
     if (error == std::errc::no_such_file_or_directory)
         return QString();
+    fileops::Attributes attributes;
+    if (!error)
+        error = parent.Read(split.name, &attributes);
     if (error)
         return Failed("remove", path, error);
+    if (attributes.kind == fileops::Kind::File || attributes.kind == fileops::Kind::Special)
+        return Failed("remove", path, QStringLiteral("it is not a directory"));
     const RemoveResult result =
         common::RemoveTree(parent, split.name, split.Path(), [] { return true; });
     if (result.error)
