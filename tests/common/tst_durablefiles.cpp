@@ -417,7 +417,13 @@ void TestDurableFiles::RemoveTreeRefuses()
 {
     QFETCH(QString, path);
     TreeBuilder tree;
-    tree.File("file", "x").File("home/precious", "x").Dir("closed/tree", 0777).Dir("closed", 0555);
+    tree.File("file", "x")
+        .File("home/precious", "x")
+        .File("home/sub/precious", "x")
+        .Dir("home/sub", 0777)
+        .Dir("home", 0777)
+        .Dir("closed/tree", 0777)
+        .Dir("closed", 0555);
     kxtest::SetMode(tree.Root(), 0777);
     const QStringList before = Snapshot(tree.Root());
     const Home home(tree.Path("home"));
