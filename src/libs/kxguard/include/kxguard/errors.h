@@ -45,6 +45,7 @@ struct Problem
     int code = 0; //!< an ErrorCode; 0 for none
     QString text; //!< names the action, the file, and the reason
 
+    /** Whether there is a problem. */
     explicit operator bool() const { return code != 0; }
 };
 

@@ -21,6 +21,7 @@ public:
     /** Releases it. */
     ~FileLock();
 
+    /** What came of an attempt. */
     enum class Result {
         Taken,
         Busy,  //!< another process has it
@@ -29,12 +30,16 @@ public:
     /** Tries for `waitMs` milliseconds, 0 for once. A link or anything else but a regular file at
      *  the path is a failure, and is left alone. */
     Result Take(int waitMs = 0);
+    /** Gives the lock back and removes its file; nothing without a lock. */
     void Release();
+    /** Whether this object has the lock. */
     bool IsHeld() const;
     /** Why Take() was not Taken, names the path and the owner. */
     QString Reason() const { return reason; }
+    /** As it was given. */
     QString Path() const { return path; }
 
+    /** The process that has a lock. */
     struct Owner
     {
         qint64 process = 0; //!< 0 when nobody has it, -1 when its owner is not known

@@ -12,6 +12,8 @@
 
 #include <memory>
 
+/** What keeps an application whole and a stranger's version out: checks before the swap, recovery
+ *  after one that was cut off, signatures. */
 namespace guard {
 
 /**
@@ -67,15 +69,18 @@ public:
     /** Takes the lock on the application directory before an install, for example before the
      *  download; it is held until Unlock() or the end of the object. `waitMs`: how long to try. */
     Problem Lock(int waitMs = 0);
+    /** Releases the lock; nothing without one. */
     void Unlock();
+    /** Whether this guard has the lock. */
     bool IsLocked() const;
     /** Recover() for the holder of the lock; Busy without Lock(). Blocks while a tree is removed.
      */
     Recovery Recover();
 
-    /** Why the last install was refused; 0 and empty when it was not, or by the host's callback.
-     *  Any thread. */
+    /** An ErrorCode: why the last install was refused; 0 when it was not, or by the host's
+     *  callback. Any thread. */
     int LastErrorCode() const;
+    /** The text beside LastErrorCode(); empty with 0. Any thread. */
     QString LastError() const;
 
     /** Called by the updater on a thread of its own. */

@@ -26,6 +26,7 @@ public:
     /** Reads a key file of at most 64 KiB; the problem names `path`. */
     static Problem Load(const QString& path, PublicKey* key);
 
+    /** Whether this is a key. */
     bool IsValid() const;
     /** 8 bytes. */
     QByteArray Id() const;

@@ -18,9 +18,10 @@ enum class RecoveryState {
     Failed    //!< something could not be read, renamed or removed; nothing is lost
 };
 
+/** What Recover() found and did. */
 struct Recovery
 {
-    RecoveryState state = RecoveryState::Whole;
+    RecoveryState state = RecoveryState::Whole; //!< how it ended
     QString text; //!< what was found and done, for a log or a user; names the paths
 
     /** Whether a whole application stands in its place. */

@@ -37,7 +37,9 @@ public:
 
     /** The text of a signature file. */
     QByteArray FileText() const;
+    /** 8 bytes: the id of the key that it says it was made with. */
     QByteArray KeyId() const { return keyId; }
+    /** The text of the third line, of which Verify() finds out whether it is to be trusted. */
     QString TrustedComment() const;
 
     /**

@@ -13,21 +13,21 @@ namespace guard {
 /** One "file" element of a manifest, as it is signed. */
 struct SignedRecord
 {
-    QString name;
-    QString md5;
-    QString sha256; //!< 64 lower-case hexadecimal digits; empty for a symbolic link
-    quint64 size = 0;
-    QString permissions;
-    QString symlink; //!< target; empty for a regular file
+    QString name;        //!< path in the tree
+    QString md5;         //!< as the manifest has it
+    QString sha256;      //!< 64 lower-case hexadecimal digits; empty for a symbolic link
+    quint64 size = 0;    //!< bytes
+    QString permissions; //!< as the manifest has them
+    QString symlink;     //!< target; empty for a regular file
 };
 
 /** Everything of a build that its signature covers. The address of the files is not among it: they
  *  may be fetched from a mirror. */
 struct SignedBuild
 {
-    PackageIdentity identity;
-    QString executable; //!< "PostExec"
-    QList<SignedRecord> records;
+    PackageIdentity identity;    //!< what it is
+    QString executable;          //!< "PostExec"
+    QList<SignedRecord> records; //!< in any order
 };
 
 /**

@@ -25,12 +25,14 @@ public:
     QMap<QString, QByteArray> files; //!< SHA-256 as 64 lower-case hexadecimal digits, by name
     QMap<QString, QString> links;    //!< targets as they stand, by name
 
+    /** The list as it is signed. */
     QByteArray Text() const;
     /** Reads a list, strictly: only what Text() writes, in its order. */
     static Problem Parse(const QByteArray& text, Sums* sums);
-    /** Why `name`, or a link with `target`, cannot stand in a list: control characters,
-     *  backslashes, " -> ", and what common::PathGuard refuses. Empty when it can. */
+    /** Why `name` cannot stand in a list: control characters, backslashes, " -> ", and what
+     *  common::PathGuard refuses. Empty when it can. */
     static QString NameViolation(const QString& name);
+    /** Why a link with `target` cannot stand in a list, likewise. */
     static QString TargetViolation(const QString& target);
 };
 
