@@ -1,4 +1,4 @@
-# Package files of an installed copy: the CMake package "kxupdater" and a pkg-config file.
+# Package files of an installed copy: the CMake package "kxupdater" and the pkg-config files.
 include(CMakePackageConfigHelpers)
 set(kx_cmake_dir "${CMAKE_INSTALL_LIBDIR}/cmake/kxupdater")
 
@@ -12,8 +12,10 @@ install(FILES
     "${PROJECT_BINARY_DIR}/kxupdaterConfigVersion.cmake"
     DESTINATION "${kx_cmake_dir}" COMPONENT development)
 
-# The .pc file finds the prefix from its own place, so that the prefix can be moved.
+# A .pc file finds the prefix from its own place, so that the prefix can be moved.
 file(RELATIVE_PATH kx_pc_to_prefix "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
-configure_file(cmake/kxupdater.pc.in "${PROJECT_BINARY_DIR}/kxupdater.pc" @ONLY)
-install(FILES "${PROJECT_BINARY_DIR}/kxupdater.pc"
-    DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
+foreach(name kxupdater kxguard)
+    configure_file(cmake/${name}.pc.in "${PROJECT_BINARY_DIR}/${name}.pc" @ONLY)
+    install(FILES "${PROJECT_BINARY_DIR}/${name}.pc"
+        DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
+endforeach()

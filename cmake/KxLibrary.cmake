@@ -1,11 +1,15 @@
 include(GenerateExportHeader)
 
-# kx_library(name ALIAS alias SOURCES ... PUBLIC_LIBS ... PRIVATE_LIBS ...)
+# kx_library(name ALIAS alias [COMPONENT component] SOURCES ... PUBLIC_LIBS ... PRIVATE_LIBS ...)
 #
 # Makes NAME, the shared library that hosts link, from NAME_objects, the object library that the
-# tests link as well: tests reach the classes that the shared library hides.
+# tests link as well: tests reach the classes that the shared library hides. COMPONENT, by default
+# runtime, is that of the library at run time, and so its Debian package.
 function(kx_library name)
-    cmake_parse_arguments(arg "" "ALIAS" "SOURCES;PUBLIC_LIBS;PRIVATE_LIBS" ${ARGN})
+    cmake_parse_arguments(arg "" "ALIAS;COMPONENT" "SOURCES;PUBLIC_LIBS;PRIVATE_LIBS" ${ARGN})
+    if(NOT arg_COMPONENT)
+        set(arg_COMPONENT runtime)
+    endif()
 
     set(generated "${CMAKE_CURRENT_BINARY_DIR}/include")
     file(GLOB headers CONFIGURE_DEPENDS include/${name}/*.h)
@@ -51,9 +55,9 @@ function(kx_library name)
 
     install(TARGETS ${name} EXPORT kxupdaterTargets
         LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-            COMPONENT runtime NAMELINK_COMPONENT development
+            COMPONENT ${arg_COMPONENT} NAMELINK_COMPONENT development
         ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
-        RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT runtime)
+        RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT ${arg_COMPONENT})
     install(FILES ${headers} "${generated}/${name}/${name}_export.h"
         DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/${name}" COMPONENT development)
 endfunction()

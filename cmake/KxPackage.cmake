@@ -1,5 +1,6 @@
 # Debian packages, by "cpack -G DEB" in the build directory or by scripts/package: one a component.
 set(kx_package_runtime libkxupdater${PROJECT_VERSION_MAJOR})
+set(kx_package_guard libkxguard${PROJECT_VERSION_MAJOR})
 set(kx_package_development libkxupdater-dev)
 set(kx_package_tools kxupdater-tools)
 set(kx_package_documentation kxupdater-doc)
@@ -24,7 +25,7 @@ set(CPACK_PACKAGE_HOMEPAGE_URL "https://kxupdater.example.org")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has a first line of its own
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL runtime development tools documentation)
+set(CPACK_COMPONENTS_ALL runtime guard development tools documentation)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -48,10 +49,20 @@ ${kx_about}
 
 This package holds what programs need at run time.")
 
+set(CPACK_DEBIAN_GUARD_PACKAGE_NAME ${kx_package_guard})
+set(CPACK_DEBIAN_GUARD_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_GUARD_PACKAGE_DEPENDS "${kx_package_runtime} ${kx_exact}")
+set(CPACK_DEBIAN_GUARD_DESCRIPTION "self-update library for Qt 6 applications - signatures and recovery
+${kx_about}
+
+This package holds what programs need at run time that accept signed
+packages only, check everything once more before the swap, or recover an
+interrupted one.")
+
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${kx_package_development})
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-    "${kx_package_runtime} ${kx_exact}, qt6-base-dev (>= 6.4)")
+    "${kx_package_runtime} ${kx_exact}, ${kx_package_guard} ${kx_exact}, qt6-base-dev (>= 6.4)")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS ${kx_package_documentation})
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "self-update library for Qt 6 applications - development files
 ${kx_about}
@@ -60,7 +71,8 @@ This package holds the headers, and what CMake and pkg-config need.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${kx_package_tools})
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${kx_package_runtime} ${kx_exact}")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
+    "${kx_package_runtime} ${kx_exact}, ${kx_package_guard} ${kx_exact}")
 # nginx is what kxpublish serve runs.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "${kx_package_documentation}, nginx")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "publishing and installing program updates from the command line

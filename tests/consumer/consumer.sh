@@ -2,8 +2,8 @@
 # One step of the consumer tests: consumer.sh STEP BUILD_DIR WORK_DIR LIBDIR
 #
 #   install     installs the build under a prefix, and moves the prefix
-#   cmake       builds and runs the example host for CMake's find_package
-#   pkgconfig   builds and runs it by pkg-config and the bare compiler
+#   cmake       builds and runs the example hosts for CMake's find_package
+#   pkgconfig   builds and runs them by pkg-config and the bare compiler
 #   qmake       builds and runs the example host for qmake
 #   symbols     compares what the libraries export with what the installed headers publish
 #   interface   compares the binary interface with interface.txt
@@ -30,7 +30,7 @@ install_and_move() {
     if readelf -d "$prefix/$libdir"/*.so | grep -E 'R(UN)?PATH' | grep -vF '[$ORIGIN]'; then
         fail "the run path of an installed library is not \$ORIGIN alone"
     fi
-    for library in kxcommon kxupdater; do
+    for library in kxcommon kxupdater kxguard; do
         readelf -d "$prefix/$libdir/lib$library.so" | grep -qE "SONAME.*\[lib$library\.so\.[0-9]+\]" ||
             fail "lib$library.so has no versioned soname"
     done
@@ -44,12 +44,29 @@ run() {
         fail "$1 said:" "$output"
 }
 
+# launch LAUNCHER: it starts a program whose directory an interrupted install has moved aside.
+launch() {
+    local output demo=$1.demo
+    rm -rf "$demo" "$demo.old" && mkdir "$demo.old"
+    printf '#!/bin/sh\necho "Started with $1."\n' >"$demo.old/program"
+    chmod +x "$demo.old/program"
+    output=$(timeout 60 "$1" "$demo" program something) || fail "$1 ended with status $?:" "$output"
+    [ "$output" = "Started with something." ] || fail "$1 said:" "$output"
+}
+
 with_cmake() {
     rm -rf "$work/cmake"
-    "$CMAKE_COMMAND" -G Ninja -S "$examples/consumer-cmake" -B "$work/cmake" \
+    # A host needs what the libraries need at run time only, and not what they are built with.
+    ! grep -lE 'sodium|PkgConfig' "$prefix/$libdir"/cmake/kxupdater/*.cmake ||
+        fail "hosts would need libsodium's development files, see above"
+    "$CMAKE_COMMAND" -G Ninja -S "$examples/consumer-cmake" -B "$work/cmake/consumer" \
         -DCMAKE_PREFIX_PATH="$prefix"
-    "$CMAKE_COMMAND" --build "$work/cmake"
-    run "$work/cmake/consumer"
+    "$CMAKE_COMMAND" --build "$work/cmake/consumer"
+    run "$work/cmake/consumer/consumer"
+    "$CMAKE_COMMAND" -G Ninja -S "$examples/launcher" -B "$work/cmake/launcher" \
+        -DCMAKE_PREFIX_PATH="$prefix"
+    "$CMAKE_COMMAND" --build "$work/cmake/launcher"
+    launch "$work/cmake/launcher/launcher"
 }
 
 with_pkgconfig() {
@@ -59,6 +76,10 @@ with_pkgconfig() {
     "$CXX" -std=c++17 "$examples/consumer-cmake/main.cpp" -o "$work/consumer" "${flags[@]}" \
         -Wl,-rpath,"$(pkg-config --variable=libdir kxupdater)"
     run "$work/consumer"
+    read -ra flags <<<"$(pkg-config --cflags --libs "kxguard >= 0.1")"
+    "$CXX" -std=c++17 "$examples"/launcher/{main,start_unix}.cpp -o "$work/launcher" "${flags[@]}" \
+        -Wl,-rpath,"$(pkg-config --variable=libdir kxguard)"
+    launch "$work/launcher"
 }
 
 with_qmake() {
@@ -72,17 +93,17 @@ symbols() {
     local published exported line name known
     # The names that the headers mark for export: classes, and functions before their parenthesis.
     published=$(find "$prefix/include" -name '*.h' ! -name '*_export.h' -exec cat {} + | tr '\n' ' ' |
-        grep -oE 'KX(COMMON|UPDATER)_EXPORT [^;{(:]*' |
+        grep -oE 'KX(COMMON|UPDATER|GUARD)_EXPORT [^;{(:]*' |
         sed -E 's/ *$//; s/.*[ *&]([A-Za-z_0-9]+|operator.*)$/\1/' | sort -u)
     [ "$(wc -l <<<"$published")" -ge 15 ] || fail "found too few published names:" "$published"
-    exported=$(nm -D --defined-only -C "$prefix/$libdir"/libkx{common,updater}.so |
+    exported=$(nm -D --defined-only -C "$prefix/$libdir"/libkx{common,updater,guard}.so |
         grep -E '^[0-9a-f]+ ' | cut -d' ' -f3- |
         sed -E 's/^(non-virtual thunk to|typeinfo for|typeinfo name for|vtable for) //' | sort -u)
 
     while read -r line; do
         known=
         for name in $published; do
-            if [[ $line =~ ^(common|common::http|common::logger|updater)::$name(::|\(|\[|$) ]]; then
+            if [[ $line =~ ^(common|common::http|common::logger|updater|guard)::$name(::|\(|\[|$) ]]; then
                 known=yes
                 break
             fi

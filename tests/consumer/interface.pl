@@ -24,7 +24,7 @@ my ($command, $list, $prefix, $libdir, $work) = @ARGV;
 die "usage: interface.pl check|add|replace LIST PREFIX LIBDIR WORK_DIR\n"
     unless defined $work and $command =~ /^(check|add|replace)$/;
 my $compiler = $ENV{CXX} || "g++";
-my @libraries = ("kxcommon", "kxupdater");
+my @libraries = ("kxcommon", "kxupdater", "kxguard");
 
 sub lines_of {
     my @command = @_;
@@ -74,12 +74,12 @@ for my $library (@libraries) {
 }
 
 # --- methods of meta-objects
-chomp(my @headers = sort { $a cmp $b } glob("$prefix/include/{kxcommon,kxupdater}/*.h"));
+chomp(my @headers = sort { $a cmp $b } glob("$prefix/include/{kxcommon,kxupdater,kxguard}/*.h"));
 die "interface: no headers under '$prefix/include'\n" unless @headers;
 write_lines("$work/headers.inc", map { "#include \"$_\"" } @headers);
 write_lines("$work/classes.inc", map { "&$_\::staticMetaObject," } @classes);
 $ENV{PKG_CONFIG_PATH} = "$prefix/$libdir/pkgconfig";
-my @flags = split " ", join " ", lines_of("pkg-config", "--cflags", "--libs", "kxupdater");
+my @flags = split " ", join " ", lines_of("pkg-config", "--cflags", "--libs", "kxguard");
 (my $source = __FILE__) =~ s/\.pl$/.cpp/;
 lines_of($compiler, "-std=c++17", "-g", "-gdwarf-5", "-fno-eliminate-unused-debug-types",
     "-femit-class-debug-always", "-I$work", "-c", $source, "-o", "$work/interface.o", @flags);
@@ -97,7 +97,7 @@ sub scope {
 
 sub finish_entry {
     my $entry = $stack[-1];
-    return unless @stack > 2 and ($stack[1]{name} // "") =~ /^(common|updater)$/;
+    return unless @stack > 2 and ($stack[1]{name} // "") =~ /^(common|updater|guard)$/;
     my ($tag, $name, $scope) = (@$entry{"tag", "name"}, scope());
     if ($tag =~ /^(class|structure)_type$/ and defined $name) {
         return if $entry->{declaration} or $name =~ /[<]|^QPrivateSignal$/;

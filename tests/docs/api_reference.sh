@@ -16,7 +16,7 @@ cd "$source"
 
 find "$html" \( -name annotated.html -o -name 'namespacemembers*.html' -o -name 'globals*.html' \) \
     -exec cat {} + >"$html/../members"
-published=$(cat src/libs/*/include/*/*.h | grep -oE 'KX(COMMON|UPDATER)_EXPORT [^;{(:]*|define KX_LOG[A-Z_]*' |
+published=$(cat src/libs/*/include/*/*.h | grep -oE 'KX(COMMON|UPDATER|GUARD)_EXPORT [^;{(:]*|define KX_LOG[A-Z_]*' |
     sed -E 's/ *$//; s/.*[ *&]([A-Za-z_0-9]+)$/\1/' | sort -u)
 [ "$(wc -l <<<"$published")" -ge 25 ] || fail "found too few published names:" "$published"
 for name in $published ErrorCode FileList; do

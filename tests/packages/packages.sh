@@ -7,7 +7,7 @@ set -euo pipefail
 build=$1 work=$2
 examples=$(cd "$(dirname "${BASH_SOURCE[0]}")/../../examples" && pwd)
 unset LD_LIBRARY_PATH PKG_CONFIG_PATH CMAKE_PREFIX_PATH
-names=(libkxupdater0 libkxupdater-dev kxupdater-tools kxupdater-doc)
+names=(libkxupdater0 libkxguard0 libkxupdater-dev kxupdater-tools kxupdater-doc)
 
 fail() {
     printf 'packages: %s\n' "$@" >&2
@@ -47,18 +47,30 @@ lintian --allow-root --fail-on error "$work"/*.deb || fail "lintian found errors
 version=$(field libkxupdater0 Version)
 depends libkxupdater0 "libc6 *" "libgcc-s1 *" "libstdc++6 *" "libqt6core6 (>= 6.4*)" \
     "libqt6network6 *" "libqt6statemachine6 *" "libqt6xml6 *"
-depends libkxupdater-dev "libkxupdater0 (= $version)" "qt6-base-dev (>= 6.4)"
-depends kxupdater-tools "libkxupdater0 (= $version)" "libc6 *" "libgcc-s1 *" "libstdc++6 *" \
-    "libqt6core6 (>= 6.4*)" "libqt6network6 *"
+# Only who asks for signatures gets libsodium, and a host's compiler needs nothing of it.
+depends libkxguard0 "libkxupdater0 (= $version)" "libc6 *" "libgcc-s1 *" "libstdc++6 *" \
+    "libqt6core6 (>= 6.4*)" "libsodium23 *"
+depends libkxupdater-dev "libkxupdater0 (= $version)" "libkxguard0 (= $version)" "qt6-base-dev (>= 6.4)"
+depends kxupdater-tools "libkxupdater0 (= $version)" "libkxguard0 (= $version)" "libc6 *" "libgcc-s1 *" \
+    "libstdc++6 *" "libqt6core6 (>= 6.4*)" "libqt6network6 *"
 [ -z "$(field kxupdater-doc Depends)" ] || fail "kxupdater-doc depends on $(field kxupdater-doc Depends)"
 [ "$(field kxupdater-doc Architecture)" = all ] || fail "kxupdater-doc is not for all architectures"
-[ "$(dpkg-deb -I "$work"/libkxupdater0_*.deb triggers)" = "activate-noawait ldconfig" ] ||
-    fail "libkxupdater0 does not trigger ldconfig"
-dpkg-deb -I "$work"/libkxupdater0_*.deb shlibs >"$work/shlibs"
-for library in kxcommon kxupdater; do
-    grep -q "^lib$library 0 libkxupdater0 (>= $version)$" "$work/shlibs" ||
-        fail "shlibs does not name lib$library:" "$(cat "$work/shlibs")"
-done
+
+# shlibs PACKAGE LIBRARY...: these it has, and tells the linker and other packages.
+shlibs() {
+    local package=$1
+    shift
+    [ "$(dpkg-deb -I "$work/$package"_*.deb triggers)" = "activate-noawait ldconfig" ] ||
+        fail "$package does not trigger ldconfig"
+    dpkg-deb -I "$work/$package"_*.deb shlibs >"$work/shlibs"
+    [ "$(wc -l <"$work/shlibs")" -eq $# ] || fail "$package has other libraries:" "$(cat "$work/shlibs")"
+    for library in "$@"; do
+        grep -q "^lib$library 0 $package (>= $version)$" "$work/shlibs" ||
+            fail "shlibs does not name lib$library:" "$(cat "$work/shlibs")"
+    done
+}
+shlibs libkxupdater0 kxcommon kxupdater
+shlibs libkxguard0 kxguard
 
 for name in "${names[@]}"; do
     contents "$name" >"$work/contents"
@@ -74,7 +86,7 @@ for tool in kxpublish kxupdate; do
         grep -q "/usr/share/$file$" "$work/contents" || fail "kxupdater-tools has no $file"
     done
 done
-documents=(docs/integration.md docs/states.svg README.md examples/consumer-cmake/CMakeLists.txt)
+documents=(docs/integration.md docs/states.svg README.md examples/consumer-cmake/CMakeLists.txt examples/launcher/CMakeLists.txt)
 [ ! -d "$build/docs/api/html" ] || documents+=(api/html/index.html)
 contents kxupdater-doc >"$work/contents"
 for file in "${documents[@]}"; do
@@ -90,13 +102,19 @@ for file in "$root"/usr/bin/* "$libdir"/*.so.0; do
     ! readelf -d "$file" | grep -E 'R(UN)?PATH' || fail "$file has a run path"
     ! readelf -S "$file" | grep -F .symtab || fail "$file is not stripped"
 done
-"$CMAKE_COMMAND" -G Ninja -S "$examples/consumer-cmake" -B "$work/consumer" \
-    -DCMAKE_PREFIX_PATH="$root/usr" >"$work/consumer.log" 2>&1 &&
-    "$CMAKE_COMMAND" --build "$work/consumer" >>"$work/consumer.log" 2>&1 ||
-    fail "the example host was not built:" "$(cat "$work/consumer.log")"
+for host in consumer-cmake launcher; do
+    "$CMAKE_COMMAND" -G Ninja -S "$examples/$host" -B "$work/$host" \
+        -DCMAKE_PREFIX_PATH="$root/usr" >"$work/host.log" 2>&1 &&
+        "$CMAKE_COMMAND" --build "$work/$host" >>"$work/host.log" 2>&1 ||
+        fail "the example $host was not built:" "$(cat "$work/host.log")"
+done
 export LD_LIBRARY_PATH=$libdir
-output=$(timeout 60 "$work/consumer/consumer" 2>&1) || fail "the example host failed:" "$output"
+output=$(timeout 60 "$work/consumer-cmake/consumer" 2>&1) || fail "the example host failed:" "$output"
 [[ $output == *"waits for commands"* ]] || fail "the example host said:" "$output"
+mkdir "$work/demo.old"
+printf '#!/bin/sh\n' >"$work/demo.old/program" && chmod +x "$work/demo.old/program"
+output=$(timeout 60 "$work/launcher/launcher" "$work/demo" program 2>&1) ||
+    fail "the example launcher failed:" "$output"
 for tool in kxupdate kxpublish; do
     "$root/usr/bin/$tool" --version >/dev/null || fail "$tool --version failed"
 done
