@@ -21,9 +21,12 @@ public:
     /** From the two parts; no key when their lengths are wrong. */
     PublicKey(const QByteArray& id, const QByteArray& key);
 
-    /** Reads a key file, or the line of base64 alone. */
+    /** Reads a key file (a line "untrusted comment: ..." and one of base64) or the line of base64
+     *  alone, at most 64 KiB, strictly: lines end in "\n", the last one need not, the base64 is
+     *  canonical, and nothing follows. Problems have the code KeyMalformed and a reason without a
+     *  file's name. */
     static Problem Parse(const QByteArray& text, PublicKey* key);
-    /** Reads a key file of at most 64 KiB; the problem names `path`. */
+    /** Reads the regular file at `path`, links followed; the problem names it. */
     static Problem Load(const QString& path, PublicKey* key);
 
     /** Whether this is a key. */
@@ -32,16 +35,26 @@ public:
     QByteArray Id() const;
     /** 32 bytes. */
     QByteArray Key() const;
-    /** The id as minisign prints it: 16 upper-case hexadecimal digits. */
+    /** The id as minisign prints it: the digits of a little-endian number, 16 upper-case
+     *  hexadecimal ones. */
     QString IdText() const;
     /** The line of base64. */
     QByteArray Text() const;
     /** The text of a key file, both lines. */
     QByteArray FileText() const;
 
+    friend bool operator==(const PublicKey& a, const PublicKey& b)
+    {
+        return a.id == b.id && a.key == b.key;
+    }
+    friend bool operator!=(const PublicKey& a, const PublicKey& b) { return !(a == b); }
+
 private:
     QByteArray id;
     QByteArray key;
 };
+
+/** The id of a key, 8 bytes, as PublicKey::IdText() writes it. */
+KXGUARD_EXPORT QString KeyIdText(const QByteArray& id);
 
 } // namespace guard
