@@ -135,4 +135,12 @@ Problem CheckPackageXml(const QString& xml, const PackageIdentity& wanted,
     return problem ? refused(problem.code, problem.text) : Problem();
 }
 
+bool CarriesSignature(const QString& name, const QString& xml)
+{
+    PackageXml read;
+    return !xml.isEmpty() && ReadPackageXml(xml, name, &read) && read.hasBuild &&
+           !(read.signature.isEmpty() && read.trustedComment.isEmpty() &&
+             read.commentSignature.isEmpty());
+}
+
 } // namespace guard
