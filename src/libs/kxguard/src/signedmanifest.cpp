@@ -36,9 +36,16 @@ QString DigestViolation(const SignedRecord& record)
     return {};
 }
 
+// The list of digests and its signature do not list themselves, but are files of the build.
+bool IsOfSignature(const SignedRecord& record)
+{
+    return record.symlink.isEmpty() &&
+           (record.name == SumsName() || record.name == SignatureName());
+}
+
 QString RecordViolation(const SignedRecord& record)
 {
-    QString violation = Sums::NameViolation(record.name);
+    QString violation = IsOfSignature(record) ? QString() : Sums::NameViolation(record.name);
     if (violation.isEmpty())
         violation = DigestViolation(record);
     if (violation.isEmpty())

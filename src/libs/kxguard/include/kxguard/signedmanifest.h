@@ -31,8 +31,8 @@ struct KXGUARD_EXPORT SignedBuild
 
     /** Why there can be no canonical list of this, empty when there can: an identity, name, digest,
      *  target or other text that is none, a control character anywhere, two records of one name, a
-     *  record below a file or a link, or no records. Names and targets are those that Sums allows.
-     */
+     *  record below a file or a link, or no records. Names and targets are those that Sums allows,
+     *  and the names of the two files that it does not list itself. */
     QString Violation() const;
 };
 
