@@ -332,12 +332,21 @@ void TestManifest::OtherTextsAreRejected_data()
         {"external parameter entity", "<!ENTITY % p SYSTEM \"http://h/x\"> %p;"},
         {"entity bomb", "<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;\">"
                         "<!ENTITY c \"&b;&b;&b;&b;&b;&b;&b;&b;\">"},
+        {"attribute with a default value", "<!ATTLIST file md5 CDATA \"x\">"},
+        {"attribute without one", "<!ELEMENT file EMPTY><!ATTLIST file md5 CDATA #IMPLIED>"},
     };
     for (const auto& subset : subsets) {
         QTest::addRow("declared %s", subset.name)
             << QStringLiteral("<!DOCTYPE packages [%1]>").arg(QString(subset.subset)) + good
             << content;
     }
+    QTest::newRow("document type inside the root")
+        << Packages("<!DOCTYPE packages>" + DemoPackage("<build DownloadURL=\"u\"/>")) << content;
+    // Two megabytes of reply that would be a gigabyte of records.
+    QTest::newRow("20,000 elements with a long default value")
+        << "<!DOCTYPE packages [<!ATTLIST file md5 CDATA \"" + QString(25'000, 'e') + "\">]>" +
+               WithFiles(QString("<file name=\"a\"/>").repeated(20'000))
+        << content;
     QTest::newRow("20,000 references to one entity")
         << "<!DOCTYPE packages [<!ENTITY e \"" + QString(4000, 'e') + "\">]>" +
                WithFiles("<file name=\"a\">" + QString("&e;").repeated(20'000) + "</file>")

@@ -19,9 +19,11 @@ bool IsSafeXml(const QString& xml)
             --depth;
             break;
         case QXmlStreamReader::DTD:
-            // The parsed list misses parameter entities, the text does not.
+            // The parsed list misses parameter entities, the text does not. A declared attribute
+            // may have a default value, which stands once and is read with every element.
             if (!reader.entityDeclarations().isEmpty() ||
-                reader.text().contains(QLatin1String("<!ENTITY"))) {
+                reader.text().contains(QLatin1String("<!ENTITY")) ||
+                reader.text().contains(QLatin1String("<!ATTLIST"))) {
                 return false;
             }
             break;

@@ -8,7 +8,8 @@ namespace updater {
 constexpr int maxXmlDepth = 256;
 
 /**
- * True when `xml` is well-formed, declares no entities and nests no deeper than maxXmlDepth.
+ * True when `xml` is well-formed, declares no entities and no attributes, and nests no deeper than
+ * maxXmlDepth.
  * Everything that comes from a server passes here before it reaches the DOM, whose time and memory
  * a short text of references or a deep one could otherwise exhaust.
  */
