@@ -34,6 +34,7 @@ private Q_SLOTS:
     void NamesOfEveryKindAreStored();
     void PartialNamesAreHiddenAndFit_data();
     void PartialNamesAreHiddenAndFit();
+    void PartialNamesOfBrokenTextFit();
     void WhatStandsAtTheDestinationIsReplaced_data();
     void WhatStandsAtTheDestinationIsReplaced();
     void PermissionsAreApplied_data();
@@ -242,6 +243,16 @@ void TestFileDownload::PartialNamesAreHiddenAndFit()
     QVERIFY(!http::IsPartialFileName(".kx.part"));
     QVERIFY(!http::IsPartialFileName(".name.kx.part2"));
     QVERIFY(!http::IsPartialFileName(destination));
+}
+
+// Half of a surrogate pair is a byte to UTF-8, a question mark, and three on the disk.
+void TestFileDownload::PartialNamesOfBrokenTextFit()
+{
+    for (const int count : {83, 120, 246, 300}) {
+        const QString name = http::PartialFilePath(QString(count, QChar(0xdc80)));
+        QVERIFY(QFile::encodeName(name).size() <= 255);
+        QVERIFY(http::IsPartialFileName(name));
+    }
 }
 
 void TestFileDownload::WhatStandsAtTheDestinationIsReplaced_data()
