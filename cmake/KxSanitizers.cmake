@@ -1,7 +1,9 @@
 # KX_SANITIZER=address instruments every target with the address and undefined behaviour
 # sanitizers, KX_SANITIZER=thread with the thread sanitizer; empty instruments nothing.
-set(KX_SANITIZER "" CACHE STRING "Sanitizers to build with: empty, address or thread")
-set_property(CACHE KX_SANITIZER PROPERTY STRINGS "" address thread)
+# KX_SANITIZER=fuzzer, for clang only, is address with the coverage that libFuzzer goes by; there are
+# no tests then but the fuzz targets.
+set(KX_SANITIZER "" CACHE STRING "Sanitizers to build with: empty, address, thread or fuzzer")
+set_property(CACHE KX_SANITIZER PROPERTY STRINGS "" address thread fuzzer)
 
 if(KX_SANITIZER STREQUAL "address")
     add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
@@ -9,8 +11,13 @@ if(KX_SANITIZER STREQUAL "address")
 elseif(KX_SANITIZER STREQUAL "thread")
     add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
     add_link_options(-fsanitize=thread)
+elseif(KX_SANITIZER STREQUAL "fuzzer")
+    add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all
+        -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=address,undefined)
 elseif(KX_SANITIZER)
-    message(FATAL_ERROR "KX_SANITIZER is '${KX_SANITIZER}'; it must be empty, address or thread")
+    message(FATAL_ERROR
+        "KX_SANITIZER is '${KX_SANITIZER}'; it must be empty, address, thread or fuzzer")
 endif()
 
 # kx_tsan: what every link under the thread sanitizer needs to know about Qt; see tsan_qt.cpp.
