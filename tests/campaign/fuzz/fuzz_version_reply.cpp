@@ -34,7 +34,9 @@ QString ExpectVersion(const QString& xml)
             isReply = reader.qualifiedName() == QLatin1String("version");
         if (reader.isEndElement())
             --depth;
-        if (depth > 0 && reader.isCharacters() && (reader.isCDATA() || !reader.isWhitespace()))
+        // A tree drops a piece that is nothing but white space, of Unicode's kinds too.
+        if (depth > 0 && reader.isCharacters() &&
+            (reader.isCDATA() || !reader.text().trimmed().isEmpty()))
             text += reader.text();
     }
     return isReply && kxfuzz::IsTree(xml) ? text : QString();
