@@ -55,6 +55,14 @@ bool IsOwnRegularFile(const struct stat& status)
     return S_ISREG(status.st_mode) && status.st_nlink <= 1;
 }
 
+bool IsFileAt(const char* path, int file)
+{
+    struct stat opened = {};
+    struct stat standing = {};
+    return ::fstat(file, &opened) == 0 && ::lstat(path, &standing) == 0 &&
+           opened.st_ino == standing.st_ino && opened.st_dev == standing.st_dev;
+}
+
 QString ReasonText(const QString& path, int number)
 {
     return QStringLiteral("Cannot make the lock file '%1': %2.").arg(path, qt_error_string(number));
@@ -107,11 +115,7 @@ FileLock::Result FileLock::Handle::Take(const QString& path, const QByteArray& t
             *reason = ReasonText(path, number);
             return Result::Failed;
         }
-        struct stat standing = {};
-        const bool isThere = ::fstat(opened, &status) == 0 &&
-                             ::lstat(name.constData(), &standing) == 0 &&
-                             status.st_ino == standing.st_ino && status.st_dev == standing.st_dev;
-        if (!isThere) {
+        if (!IsFileAt(name.constData(), opened) || ::fstat(opened, &status) != 0) {
             ::close(opened);
             continue;
         }
@@ -132,8 +136,11 @@ void FileLock::Handle::Release(const QString& path)
 {
     if (file < 0)
         return;
-    // While it is still locked: nobody can have taken it in between.
-    ::unlink(QFile::encodeName(path).constData());
+    // While it is still locked: nobody can have taken it in between. Where somebody has removed it
+    // by hand, another one may stand there, with another owner.
+    const QByteArray name = QFile::encodeName(path);
+    if (IsFileAt(name.constData(), file))
+        ::unlink(name.constData());
     ::close(file);
     file = -1;
 }
@@ -145,9 +152,14 @@ bool FileLock::Handle::IsHeld() const
 
 bool FileLock::Handle::IsLocked(const QString& path, QByteArray* holder)
 {
-    const int opened = Open(QFile::encodeName(path).constData(), O_RDONLY);
-    if (opened < 0)
-        return false;
+    const QByteArray name = QFile::encodeName(path);
+    const int opened = Open(name.constData(), O_RDONLY);
+    if (opened < 0) {
+        // A file that this user may not read: somebody's, as far as one can tell.
+        struct stat status = {};
+        return errno == EACCES && ::lstat(name.constData(), &status) == 0 &&
+               IsOwnRegularFile(status);
+    }
     const bool isLocked = !Lock(opened, LOCK_SH) && errno == EWOULDBLOCK;
     if (isLocked)
         *holder = ReadText(opened);
