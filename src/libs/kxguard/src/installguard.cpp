@@ -101,6 +101,17 @@ Problem CheckSpace(const QString& app, const updater::FileList& manifest)
     return text.isEmpty() ? Problem() : Problem{InstallNoSpace, text};
 }
 
+// The list of digests that is signed has no modes: what nobody vouches for must not tell which
+// files every user of the machine may write.
+updater::FileList WithoutModes(const updater::FileList& records)
+{
+    updater::FileList result;
+    for (const updater::File& record : records)
+        result.append(updater::File(record.Name(), record.MD5(), record.Size(), QString(),
+                                    record.SymlinkPath()));
+    return result;
+}
+
 Problem CheckSignature(const QString& download, const Settings& settings, QString* version)
 {
     if (settings.keys.isEmpty())
@@ -206,11 +217,14 @@ Problem InstallGuard::Private::Prepare(const QString& download, const QString& a
     if (recovery.state == RecoveryState::Failed)
         return {InstallRecovery, recovery.text};
 
-    const updater::FileList manifest = RecordsOf(with.package, with.Xml());
+    updater::FileList manifest = RecordsOf(with.package, with.Xml());
+    const bool isDescriptionSigned = CarriesSignature(with.package, with.Xml());
+    if (!with.keys.isEmpty() && !isDescriptionSigned)
+        manifest = WithoutModes(manifest);
     if (const Problem problem = CheckPackage(download, manifest, inventory))
         return problem;
     QString version = with.Version();
-    if (!with.keys.isEmpty() && CarriesSignature(with.package, with.Xml())) {
+    if (!with.keys.isEmpty() && isDescriptionSigned) {
         const PackageIdentity wanted{with.package, version, updater::Build::Platform()};
         if (const Problem problem = CheckPackageXml(with.Xml(), wanted, with.keys))
             return problem;
