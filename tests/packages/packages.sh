@@ -49,7 +49,7 @@ depends libkxupdater0 "libc6 *" "libgcc-s1 *" "libstdc++6 *" "libqt6core6 (>= 6.
     "libqt6network6 *" "libqt6statemachine6 *" "libqt6xml6 *"
 # Only who asks for signatures gets libsodium, and a host's compiler needs nothing of it.
 depends libkxguard0 "libkxupdater0 (= $version)" "libc6 *" "libgcc-s1 *" "libstdc++6 *" \
-    "libqt6core6 (>= 6.4*)" "libsodium23 *"
+    "libqt6core6 (>= 6.4*)" "libqt6xml6 *" "libsodium23 *"
 depends libkxupdater-dev "libkxupdater0 (= $version)" "libkxguard0 (= $version)" "qt6-base-dev (>= 6.4)"
 depends kxupdater-tools "libkxupdater0 (= $version)" "libkxguard0 (= $version)" "libc6 *" "libgcc-s1 *" \
     "libstdc++6 *" "libqt6core6 (>= 6.4*)" "libqt6network6 *"

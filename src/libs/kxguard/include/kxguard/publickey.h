@@ -43,10 +43,12 @@ public:
     /** The text of a key file, both lines. */
     QByteArray FileText() const;
 
+    /** Whether id and key are the same. */
     friend bool operator==(const PublicKey& a, const PublicKey& b)
     {
         return a.id == b.id && a.key == b.key;
     }
+    /** Whether they are not. */
     friend bool operator!=(const PublicKey& a, const PublicKey& b) { return !(a == b); }
 
 private:
