@@ -30,9 +30,10 @@ int main(int argc, char** argv)
     const guard::Recovery recovery = guard::Recover(appDir, 60 * 1000);
     if (!recovery.IsWhole())
         err << recovery.text << Qt::endl;
-    // A directory that stands is whole, also when its remains could not be cleared away. While it
-    // is being replaced the program would load files of two versions.
-    if (recovery.state == guard::RecoveryState::Busy || !QDir(appDir).exists())
+    // While it is being replaced the program would load files of two versions. What merely could
+    // not be cleared away (Failed) is no reason to keep from starting it.
+    if (recovery.state == guard::RecoveryState::Busy ||
+        recovery.state == guard::RecoveryState::Absent)
         return 1;
     //! [recover]
 
