@@ -6,15 +6,21 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <type_traits>
 
 namespace guard {
 namespace {
 
 namespace fs = std::filesystem;
 
+// Names on a disk may be any bytes. What is no text becomes one that no record has; the conversions
+// of the standard library would throw.
 QString ToText(const fs::path& path)
 {
-    return QString::fromStdU16String(path.u16string());
+    if constexpr (std::is_same_v<fs::path::value_type, char>)
+        return QFile::decodeName(QByteArray::fromStdString(path.string()));
+    else
+        return QString::fromStdU16String(path.u16string());
 }
 
 InventoryEntry Entry(const fs::directory_entry& found, const QString& name)
