@@ -2,11 +2,13 @@
 
 #include "commands/addcommand.h"
 #include "commands/diffcommand.h"
+#include "commands/keygencommand.h"
 #include "commands/listcommand.h"
 #include "commands/promotecommand.h"
 #include "commands/prunecommand.h"
 #include "commands/rollbackcommand.h"
 #include "commands/servecommand.h"
+#include "commands/signcommand.h"
 #include "commands/verifycommand.h"
 #include "output/console.h"
 #include "output/consoleprogress.h"
@@ -43,6 +45,61 @@ OptionSpec WaitOption()
     return {"wait", "SECONDS",
             "How long to wait while another run writes into SERVERTREE, 0 to 86400; 0 if not "
             "given."};
+}
+
+OptionSpec SignOption(const char* description)
+{
+    return {"sign", "SECRET", description, optional, Completion::File};
+}
+
+OptionSpec PassphraseOption()
+{
+    return {"passphrase-file", "FILE",
+            "File whose only line is the passphrase of the key; asked for on the terminal if not "
+            "given.",
+            optional, Completion::File};
+}
+
+OptionSpec PlatformOption()
+{
+    return {"platform", "PLATFORM",        "x64 or x86; this system's own if not given.",
+            optional,   Completion::Words, "x64 x86"};
+}
+
+/** The build that the line names. */
+Build BuildOf(const CommandLine& line)
+{
+    return {line.Value("name"), line.Value("version"),
+            line.IsSet("platform") ? line.Value("platform") : updater::Build::Platform()};
+}
+
+/** False, with a message, when `option` is given and `other`, which it belongs to, is not. */
+bool CheckGoesWith(const CommandLine& line, const char* option, const char* other)
+{
+    if (!line.IsSet(option) || line.IsSet(other))
+        return true;
+    Complain(QStringLiteral("--%1 is of no use without --%2")
+                 .arg(QLatin1String(option), QLatin1String(other)));
+    Say(line.HelpHint());
+    return false;
+}
+
+/** False, with a message, when `option` is given and has no text. */
+bool CheckNotEmpty(const CommandLine& line, const char* option)
+{
+    if (!line.IsSet(option) || !line.Value(option).isEmpty())
+        return true;
+    Complain(QStringLiteral("--%1 is empty").arg(QLatin1String(option)));
+    return false;
+}
+
+/** Reads what the line says of the key to sign with, named by `option`. */
+bool ReadSigning(const CommandLine& line, const char* option, SigningOptions& signing)
+{
+    signing.key = line.Value(option);
+    signing.passphraseFile = line.Value("passphrase-file");
+    return CheckNotEmpty(line, option) && CheckNotEmpty(line, "passphrase-file") &&
+           CheckGoesWith(line, "passphrase-file", option);
 }
 
 /** Reads the value of `option`, if it is given, as a number of a range. */
@@ -90,8 +147,7 @@ CommandSpec AddSpec()
         {{"TREE", "Directory to publish.", false, Completion::Directory}},
         {{"name", "NAME", "Name of the package.", required},
          {"version", "VERSION", "Version of the package.", required},
-         {"platform", "PLATFORM", "x64 or x86; this system's own if not given.",
-          OptionSpec::Optional, Completion::Words, "x64 x86"},
+         PlatformOption(),
          {"exec", "FILE", "Program of the tree that clients start, relative to TREE.", required},
          {"base-url", "URL", "Address at which SERVERTREE is served.", required},
          {"out", "SERVERTREE", "Directory to publish into; made if missing.", required,
@@ -102,6 +158,8 @@ CommandSpec AddSpec()
           OptionSpec::Repeatable},
          {"notes", "FILE", "Release notes to publish as notes.md beside the manifest.", optional,
           Completion::File},
+         SignOption("Sign the build with this secret key."),
+         PassphraseOption(),
          WaitOption(),
          {"dry-run", nullptr, "Check and report everything, write nothing."}},
     };
@@ -111,17 +169,15 @@ ExitStatus RunAdd(const CommandLine& line)
 {
     AddSettings settings;
     settings.tree = line.Argument(0);
-    settings.build.package = line.Value("name");
-    settings.build.version = line.Value("version");
-    settings.build.platform =
-        line.IsSet("platform") ? line.Value("platform") : updater::Build::Platform();
+    settings.build = BuildOf(line);
     settings.executable = line.Value("exec");
     settings.baseUrl = line.Value("base-url");
     settings.serverTree = line.Value("out");
     settings.excludes = line.Values("exclude");
     settings.notes = line.Value("notes");
     settings.dryRun = line.IsSet("dry-run");
-    if (!ReadNumber(line, "wait", 0, ServerTree::maxWait, settings.waitSeconds))
+    if (!ReadSigning(line, "sign", settings.sign) ||
+        !ReadNumber(line, "wait", 0, ServerTree::maxWait, settings.waitSeconds))
         return ExitUsage;
     ConsoleProgress progress;
     return AddCommand(settings, ConsoleProgress::IsOfUse() ? &progress : nullptr).Run();
@@ -159,6 +215,12 @@ CommandSpec RollbackSpec()
         {ServerTreeArgument()},
         {{"as", "VERSION",
           "Publish the older builds again as VERSION, for hosts that never go back."},
+         SignOption("Sign what is published again with this secret key; needed when the older "
+                    "builds are signed, which are checked first."),
+         PassphraseOption(),
+         {"key", "PUBLIC",
+          "Another public key that the older builds may be signed with, besides that of --sign.",
+          OptionSpec::Repeatable, Completion::File},
          WaitOption(),
          {"dry-run", nullptr, "Only tell what would be offered."}},
     };
@@ -170,11 +232,10 @@ ExitStatus RunRollback(const CommandLine& line)
     settings.serverTree = line.Argument(0);
     settings.as = line.Value("as");
     settings.dryRun = line.IsSet("dry-run");
-    if (line.IsSet("as") && settings.as.isEmpty()) {
-        Complain(QStringLiteral("--as is empty"));
-        return ExitUsage;
-    }
-    if (!ReadNumber(line, "wait", 0, ServerTree::maxWait, settings.waitSeconds))
+    settings.keyFiles = line.Values("key");
+    if (!CheckNotEmpty(line, "as") || !ReadSigning(line, "sign", settings.sign) ||
+        !CheckGoesWith(line, "sign", "as") || !CheckGoesWith(line, "key", "sign") ||
+        !ReadNumber(line, "wait", 0, ServerTree::maxWait, settings.waitSeconds))
         return ExitUsage;
     RollbackCommand command(settings);
     const ExitStatus status = command.Run();
@@ -241,13 +302,16 @@ CommandSpec VerifySpec()
         "read everything back and compare it",
         "Reads published builds back as a client would, from the disk or over the network, and "
         "compares them with their manifests. Every file is named that is missing, or of the "
-        "wrong size or digest, or that no client could ever verify.",
+        "wrong size or digest, or that no client could ever verify. With --key the signatures are "
+        "checked as well, and a build without one is named, too.",
         {{"TARGET", "Directory that holds the builds, or URL at which it is served.", false,
           Completion::Directory}},
         {{"name", "NAME", "Package; needed for a URL.", OptionSpec::Repeatable},
          {"version", "VERSION", "All versions, or the offered one of a URL, if not given."},
          {"platform", "PLATFORM", "All platforms, or x64 of a URL, if not given.", optional,
           Completion::Words, "x64 x86"},
+         {"key", "PUBLIC", "Public key that builds have to be signed with; one of several.",
+          OptionSpec::Repeatable, Completion::File},
          {"jobs", "N", "Files that are read at the same time, 1 to 16; 4 if not given."}},
     };
 }
@@ -259,6 +323,7 @@ ExitStatus RunVerify(const CommandLine& line)
     settings.names = line.Values("name");
     settings.version = line.Value("version");
     settings.platform = line.Value("platform");
+    settings.keyFiles = line.Values("key");
     if (!ReadNumber(line, "jobs", 1, 16, settings.jobs))
         return ExitUsage;
     VerifyCommand command(settings);
@@ -319,6 +384,72 @@ ExitStatus RunServe(const CommandLine& line)
     return ServeCommand(settings).Run();
 }
 
+CommandSpec KeygenSpec()
+{
+    return {
+        "keygen",
+        "make a key pair for signing",
+        "Makes a key pair for signing, in the format of minisign. The secret key stays with who "
+        "publishes, and away from the server; the public key goes into the clients. Without one "
+        "of the options for it, a passphrase is asked for twice on the terminal.",
+        {},
+        {{"secret", "FILE", "Secret key to make, for its owner's eyes alone.", required,
+          Completion::File},
+         {"public", "FILE", "Public key to make.", required, Completion::File},
+         {"no-passphrase", nullptr,
+          "Do not encrypt the secret key: whoever can read the file can sign."},
+         {"passphrase-file", "FILE", "File whose only line is the passphrase.", optional,
+          Completion::File}},
+    };
+}
+
+ExitStatus RunKeygen(const CommandLine& line)
+{
+    KeygenSettings settings;
+    settings.secretFile = line.Value("secret");
+    settings.publicFile = line.Value("public");
+    settings.passphraseFile = line.Value("passphrase-file");
+    settings.noPassphrase = line.IsSet("no-passphrase");
+    for (const char* option : {"secret", "public", "passphrase-file"}) {
+        if (!CheckNotEmpty(line, option))
+            return ExitUsage;
+    }
+    if (settings.noPassphrase && line.IsSet("passphrase-file")) {
+        Complain(QStringLiteral("--no-passphrase and --passphrase-file exclude each other"));
+        Say(line.HelpHint());
+        return ExitUsage;
+    }
+    return KeygenCommand(settings).Run();
+}
+
+CommandSpec SignSpec()
+{
+    return {
+        "sign",
+        "sign a directory tree",
+        "Writes SHA256SUMS and SHA256SUMS.minisig into TREE, in place of older ones: the digests "
+        "of everything in it, and their signature for one version of a package. They are those "
+        "that 'add --sign' publishes with the tree.",
+        {{"TREE", "Directory to sign.", false, Completion::Directory}},
+        {{"key", "SECRET", "Secret key to sign with.", required, Completion::File},
+         PassphraseOption(),
+         {"name", "NAME", "Name of the package.", required},
+         {"version", "VERSION", "Version of the package.", required},
+         PlatformOption()},
+    };
+}
+
+ExitStatus RunSign(const CommandLine& line)
+{
+    SignSettings settings;
+    settings.tree = line.Argument(0);
+    settings.build = BuildOf(line);
+    if (!ReadSigning(line, "key", settings.sign))
+        return ExitUsage;
+    ConsoleProgress progress;
+    return SignCommand(settings, ConsoleProgress::IsOfUse() ? &progress : nullptr).Run();
+}
+
 struct Row
 {
     CommandSpec (*spec)();
@@ -328,7 +459,8 @@ struct Row
 const Row rows[] = {
     {AddSpec, RunAdd},     {PromoteSpec, RunPromote}, {RollbackSpec, RunRollback},
     {ListSpec, RunList},   {DiffSpec, RunDiff},       {VerifySpec, RunVerify},
-    {PruneSpec, RunPrune}, {ServeSpec, RunServe},
+    {PruneSpec, RunPrune}, {ServeSpec, RunServe},     {KeygenSpec, RunKeygen},
+    {SignSpec, RunSign},
 };
 
 } // namespace
@@ -357,9 +489,14 @@ const tools::ProgramSpec& Program()
              "kxpublish add --name hello --version 1.1 --exec bin/hello \\\n"
              "    --base-url https://updates.example.org --out /srv/updates build/hello\n"
              "kxpublish promote --version 1.1 --out /srv/updates"},
+            {"Make a key, and sign what is published",
+             "kxpublish keygen --secret hello.key --public hello.pub\n"
+             "kxpublish add --sign hello.key --name hello --version 1.2 --exec bin/hello \\\n"
+             "    --base-url https://updates.example.org --out /srv/updates build/hello\n"
+             "kxpublish verify --key hello.pub /srv/updates"},
         };
         spec.exitStatuses = ExitStatuses();
-        spec.seeAlso = "kxupdate(1)";
+        spec.seeAlso = "kxupdate(1), minisign(1)";
         return spec;
     }();
     return program;

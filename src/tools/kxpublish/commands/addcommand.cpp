@@ -3,12 +3,16 @@
 #include "interrupt.h"
 #include "output/console.h"
 #include "server/disk.h"
+#include "signing/sha256.h"
+#include "signing/signaturecheck.h"
 #include "source/names.h"
 #include "source/parallel.h"
 #include "source/releasenotes.h"
 
 #include <QCryptographicHash>
 #include <QFileInfo>
+
+#include <algorithm>
 
 namespace publish {
 namespace {
@@ -17,6 +21,11 @@ bool IsPublishable(const Build& build)
 {
     return PackageProblem(build.package).isEmpty() && VersionProblem(build.version).isEmpty() &&
            PlatformProblem(build.platform).isEmpty();
+}
+
+QString MD5Of(const QByteArray& bytes)
+{
+    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex());
 }
 
 } // namespace
@@ -38,6 +47,7 @@ ExitStatus AddCommand::Run()
     CheckSettings();
     CheckPlaces();
     CheckNotes();
+    CheckSigning();
     TreeContents contents;
     if (QFileInfo(settings.tree).isDir()) {
         contents = CheckTree();
@@ -58,7 +68,13 @@ TreeContents AddCommand::CheckTree()
                     hasAddress ? manifest.downloadUrl : QStringLiteral("http://localhost"),
                     server.FilesPath(settings.build), settings.excludes, &problems, &progress);
     check.Run();
-    return check.Contents();
+    TreeContents contents = check.Contents();
+    if (settings.sign.IsSet()) {
+        for (const QString& name : LeaveOutSums(&contents))
+            Say(QStringLiteral("left out: %1, the signature brings its own").arg(Shown(name)));
+        CheckSignable(contents, &problems);
+    }
+    return contents;
 }
 
 void AddCommand::CheckSettings()
@@ -116,6 +132,20 @@ void AddCommand::CheckNotes()
         problems.Refuse(QStringLiteral("--notes ") + Shown(settings.notes), problem);
 }
 
+// The key comes last: nobody types a passphrase for what is refused anyway.
+void AddCommand::CheckSigning()
+{
+    if (!settings.sign.IsSet())
+        return;
+    const QString option = QStringLiteral("--sign");
+    if (IsPublishable(settings.build))
+        CheckSignable(settings.build, &problems);
+    CheckKeyIsOutside(option, settings.sign, settings.tree, &problems);
+    CheckKeyIsOutside(option, settings.sign, settings.serverTree, &problems);
+    if (problems.IsEmpty())
+        LoadSecretKey(option, settings.sign, &key, &problems);
+}
+
 void AddCommand::CheckExecutable(const TreeContents& contents)
 {
     const QString subject = QStringLiteral("--exec ") + Shown(settings.executable);
@@ -154,8 +184,8 @@ ExitStatus AddCommand::Publish(const TreeContents& contents)
     published.Read(server, sizes, &problems);
 
     const QString files = server.StagedBuildPath() + QStringLiteral("/files");
-    TreeCopy copy(settings.tree, settings.dryRun ? QString() : files, contents, published,
-                  &progress);
+    TreeCopy copy(settings.tree, settings.dryRun ? QString() : files, contents,
+                  key.IsValid() ? Digests::Md5AndSha256 : Digests::Md5, published, &progress);
     switch (copy.Run(&problems, error)) {
     case TreeCopy::Complete:
         break;
@@ -166,7 +196,9 @@ ExitStatus AddCommand::Publish(const TreeContents& contents)
     case TreeCopy::Interrupted:
         return GiveUp();
     }
-    FillManifest(contents, copy.Digests());
+    FillManifest(contents, copy.Md5Digests());
+    if (key.IsValid())
+        Sign(contents, copy.Sha256Digests());
     const QByteArray text = WriteManifest(manifest);
     if (!settings.dryRun && !WriteBuild(text, error))
         return Fail(error);
@@ -189,9 +221,7 @@ void AddCommand::FillManifest(const TreeContents& contents,
     auto link = contents.links.begin();
     const auto appendLinksBefore = [&](const QString* name) {
         for (; link != contents.links.end() && (!name || link.key() < *name); ++link) {
-            const QByteArray digest =
-                QCryptographicHash::hash(link.value().toUtf8(), QCryptographicHash::Md5).toHex();
-            manifest.files.append(updater::File(link.key(), QString::fromLatin1(digest),
+            manifest.files.append(updater::File(link.key(), MD5Of(link.value().toUtf8()),
                                                 quint64(link.value().size()),
                                                 PermissionText(0, true), link.value()));
         }
@@ -206,9 +236,35 @@ void AddCommand::FillManifest(const TreeContents& contents,
     appendLinksBefore(nullptr);
 }
 
+// The list of digests and its signature are files of the build like all others, so that clients
+// have them without knowing of them.
+void AddCommand::Sign(const TreeContents& contents, const QMap<QString, QByteArray>& sha256)
+{
+    const SignedSums sums = SignSums(SumsOf(contents, sha256), settings.build, key);
+    made = {{guard::SumsName(), sums.text}, {guard::SignatureName(), sums.signature}};
+    manifest.sha256 = sha256;
+    for (auto file = made.cbegin(); file != made.cend(); ++file) {
+        manifest.sha256.insert(file.key(), Sha256::HexOf(file.value()));
+        const auto place = std::lower_bound(
+            manifest.files.begin(), manifest.files.end(), file.key(),
+            [](const updater::File& other, const QString& name) { return other.Name() < name; });
+        manifest.files.insert(place, updater::File(file.key(), MD5Of(file.value()),
+                                                   quint64(file.value().size()),
+                                                   PermissionText(0644, false), QString()));
+    }
+    SignManifest(&manifest, settings.build, key);
+}
+
 bool AddCommand::WriteBuild(const QByteArray& text, QString& error)
 {
     const QString staged = server.StagedBuildPath();
+    const QString files = staged + QStringLiteral("/files");
+    for (auto file = made.cbegin(); file != made.cend(); ++file) {
+        if (!WriteNewFile(files + QLatin1Char('/') + file.key(), file.value(), error))
+            return false;
+    }
+    if (!made.isEmpty() && !Sync(files, error))
+        return false;
     return (notes.isEmpty() || WriteNewFile(staged + QStringLiteral("/notes.md"), notes, error)) &&
            WriteNewFile(staged + QStringLiteral("/index.xml"), text, error) && Sync(staged, error);
 }
@@ -221,10 +277,21 @@ void AddCommand::CheckAtTheEnd(const TreeContents& contents, const QByteArray& t
     // manifest allocates so much that the first thread, which the C library serves best, is the one
     // for it.
     RunBoth([&] { CompareWithListing(contents, changes); },
-            [&] { manifestProblem = ManifestProblem(manifest, text); });
+            [&] {
+                manifestProblem = ManifestProblem(manifest, text);
+                if (manifestProblem.isEmpty())
+                    manifestProblem = SignatureProblem(text);
+            });
     if (!manifestProblem.isEmpty())
         problems.Refuse(Shown(settings.tree), manifestProblem);
     problems.AddProblems(changes);
+}
+
+// With the eyes of a client: what it would refuse is not published.
+QString AddCommand::SignatureProblem(const QByteArray& text) const
+{
+    return key.IsValid() ? ManifestSignatureProblem(text, settings.build, {key.Public()})
+                         : QString();
 }
 
 // Nothing may have come, gone or changed since the tree was listed. What is listed now has been
@@ -235,7 +302,9 @@ void AddCommand::CompareWithListing(const TreeContents& before, Problems& found)
     TreeCheck check(settings.tree, manifest.downloadUrl, server.FilesPath(settings.build),
                     settings.excludes, &found, &silent);
     check.Run();
-    const TreeContents& now = check.Contents();
+    TreeContents now = check.Contents();
+    if (settings.sign.IsSet())
+        LeaveOutSums(&now);
     const auto refuse = [&found](const QString& name, const char* reason) {
         found.Refuse(Shown(name), QLatin1String(reason));
     };
@@ -258,20 +327,25 @@ void AddCommand::CompareWithListing(const TreeContents& before, Problems& found)
 
 void AddCommand::Report(const TreeContents& contents, const CopyTotals& totals) const
 {
-    const qsizetype files = contents.files.size();
+    const qsizetype files = contents.files.size() + made.size();
     const qsizetype links = contents.links.size();
-    const quint64 newBytes = totals.bytes - totals.linkedBytes;
+    quint64 bytes = totals.bytes;
+    for (const QByteArray& content : made)
+        bytes += quint64(content.size());
+    const quint64 newBytes = bytes - totals.linkedBytes;
     const auto datum = [](const char* key, quint64 value) {
         PrintDatum(QLatin1String(key), value);
     };
     PrintDatum(QStringLiteral("index"), server.ManifestPath(settings.build));
     datum("files", quint64(files));
     datum("links", quint64(links));
-    datum("bytes", totals.bytes);
+    datum("bytes", bytes);
     datum("linked", totals.linked);
     datum("linked-bytes", totals.linkedBytes);
     datum("new-bytes", newBytes);
     datum("left-out", quint64(contents.leftOut.size()));
+    if (key.IsValid())
+        PrintDatum(QStringLiteral("key-id"), key.Public().IdText());
     if (settings.dryRun)
         ListLeftOut(contents);
     const Build& build = settings.build;
@@ -281,7 +355,7 @@ void AddCommand::Report(const TreeContents& contents, const CopyTotals& totals) 
                  build.package, build.version, build.platform)
             .arg(files)
             .arg(links)
-            .arg(totals.bytes);
+            .arg(bytes);
     if (totals.linked > 0)
         text += QStringLiteral(", of which %1 files of %2 bytes equal published ones and %3")
                     .arg(totals.linked)
@@ -290,6 +364,8 @@ void AddCommand::Report(const TreeContents& contents, const CopyTotals& totals) 
                                          : QStringLiteral("are links to them"));
     if (!contents.leftOut.isEmpty())
         text += QStringLiteral("; %1 entries left out").arg(contents.leftOut.size());
+    if (key.IsValid())
+        text += QStringLiteral("; signed with key %1").arg(key.Public().IdText());
     // One version reply speaks for every package and platform: this one may say it already.
     const bool isOffered = server.OfferedVersion() == settings.build.version;
     Say(text + (settings.dryRun ? QStringLiteral("; nothing is written")

@@ -5,6 +5,8 @@
 #include "output/progress.h"
 #include "server/manifest.h"
 #include "server/servertree.h"
+#include "signing/keyfiles.h"
+#include "signing/signing.h"
 #include "source/treecheck.h"
 #include "source/treecopy.h"
 
@@ -22,6 +24,7 @@ struct AddSettings
     QString serverTree;   //!< directory to publish into
     QStringList excludes; //!< patterns of what is left out, as in a .kxpublishignore
     QString notes;        //!< file with release notes; empty for none
+    SigningOptions sign;  //!< the key to sign the build with; none for one that is not signed
     int waitSeconds = 0;  //!< how long to wait for another run, 0 to ServerTree::maxWait
     bool dryRun = false;  //!< check and report, and write nothing at all
 };
@@ -46,13 +49,16 @@ private:
     void CheckPlaces();
     void CheckNotTaken();
     void CheckNotes();
+    void CheckSigning();
     TreeContents CheckTree();
     void CheckExecutable(const TreeContents& contents);
     void CheckAtTheEnd(const TreeContents& contents, const QByteArray& text);
     void CompareWithListing(const TreeContents& before, Problems& found) const;
     ExitStatus Publish(const TreeContents& contents);
     void FillManifest(const TreeContents& contents, const QMap<QString, QByteArray>& digests);
+    void Sign(const TreeContents& contents, const QMap<QString, QByteArray>& sha256);
     bool WriteBuild(const QByteArray& text, QString& error);
+    QString SignatureProblem(const QByteArray& text) const;
     ExitStatus Refuse();
     ExitStatus Fail(const QString& error);
     ExitStatus GiveUp();
@@ -65,6 +71,8 @@ private:
     ProgressMeter progress;
     Manifest manifest;
     QByteArray notes;
+    SecretKey key;
+    QMap<QString, QByteArray> made; // content of the files that signing adds, by name
 };
 
 } // namespace publish

@@ -51,6 +51,7 @@ ExitStatus PromoteCommand::Run()
     if (common::Version(before) > common::Version(settings.version))
         Warn(QStringLiteral("%1 is earlier than %2, which clients are offered now")
                  .arg(settings.version, before));
+    WarnOfLostSignatures(server, before, settings.version);
     if (!RecordHistory(before, error) ||
         !server.PlaceVersionReply(WriteVersionReply(settings.version), error)) {
         Complain(error);

@@ -5,17 +5,25 @@
 #include "server/disk.h"
 #include "server/linkorcopy.h"
 #include "server/publishedbuild.h"
+#include "server/publishedfilecheck.h"
+#include "signing/sha256.h"
+#include "signing/signaturecheck.h"
+#include "signing/signing.h"
 #include "source/names.h"
+#include "source/parallel.h"
 #include "source/platform.h"
 
 #include <kxcommon/pathguard.h>
 #include <kxcommon/version.h>
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QSet>
+
+#include <vector>
 
 namespace publish {
 
@@ -31,6 +39,8 @@ ExitStatus RollbackCommand::Run()
 {
     if (!CheckServerTree(server, settings.serverTree))
         return ExitRefused;
+    if (!CheckKeys())
+        return IsInterrupted() ? GiveUp() : Refuse();
     QString error;
     // The lock comes before the look at the builds: none may come or go in between.
     if (!settings.dryRun && !server.Open(error, settings.waitSeconds))
@@ -65,6 +75,8 @@ ExitStatus RollbackCommand::Run()
         if (problems.IsEmpty())
             PlanCopies();
     }
+    if (IsInterrupted())
+        return GiveUp();
     if (!problems.IsEmpty())
         return Refuse();
     for (const Copy& copy : std::as_const(copies))
@@ -85,6 +97,21 @@ ExitStatus RollbackCommand::Run()
     if (server.OfferedVersion() != result.offered)
         TakeCopiesAway(copies.size());
     return Fail(error);
+}
+
+bool RollbackCommand::CheckKeys()
+{
+    if (!settings.sign.IsSet())
+        return true;
+    const QString option = QStringLiteral("--sign");
+    trusted = LoadPublicKeys(settings.keyFiles, &problems);
+    CheckKeyIsOutside(option, settings.sign, ResolvedPath(settings.serverTree), &problems);
+    if (problems.IsEmpty())
+        LoadSecretKey(option, settings.sign, &key, &problems);
+    problems.PrintWarnings();
+    if (key.IsValid())
+        trusted.append(key.Public());
+    return problems.IsEmpty();
 }
 
 void RollbackCommand::CheckVersion()
@@ -144,7 +171,8 @@ void RollbackCommand::PlanCopy(const Build& from)
     copy.to = from;
     copy.to.version = settings.as;
     const QString subject = Shown(server.ManifestPath(from));
-    const QString problem = ReadManifestOf(server, from, copy.manifest);
+    QByteArray text;
+    const QString problem = ReadManifestOf(server, from, copy.manifest, &text);
     if (!problem.isEmpty()) {
         problems.Refuse(subject, problem);
         return;
@@ -172,6 +200,8 @@ void RollbackCommand::PlanCopy(const Build& from)
     }
     copy.manifest.downloadUrl =
         ServerTree::FilesUrl(copy.manifest.downloadUrl.chopped(tail.size()), copy.to);
+    if (!SignAnew(copy, text))
+        return;
     copy.text = WriteManifest(copy.manifest);
     const QString unreadable = ManifestProblem(copy.manifest, copy.text);
     if (!unreadable.isEmpty()) {
@@ -184,6 +214,78 @@ void RollbackCommand::PlanCopy(const Build& from)
     copy.placed = present.open(QIODevice::ReadOnly) && present.readAll() == copy.text &&
                   FilesProblem(server, copy.to, copy.manifest).isEmpty();
     copies.append(copy);
+}
+
+// A signature is for one version: clients would refuse the same one under another.
+bool RollbackCommand::SignAnew(Copy& copy, const QByteArray& text)
+{
+    const QString subject = Shown(server.ManifestPath(copy.from));
+    const bool isSigned = !copy.manifest.signature.IsEmpty();
+    if (!isSigned && !settings.sign.IsSet())
+        return true;
+    if (!settings.sign.IsSet()) {
+        problems.Refuse(subject, QStringLiteral("signed, for version %1 only; --sign names the key "
+                                                "to sign it as %2 with")
+                                     .arg(copy.from.version, Shown(copy.to.version)));
+        return false;
+    }
+    const QString problem =
+        isSigned ? ManifestSignatureProblem(text, copy.from, trusted)
+                 : QStringLiteral("not signed, so nothing tells that it is what was published; "
+                                  "publish its tree with 'add --sign' instead");
+    if (!problem.isEmpty()) {
+        problems.Refuse(subject, problem);
+        return false;
+    }
+    const QString files = server.FilesPath(copy.from) + QLatin1Char('/');
+    QByteArray sums;
+    QByteArray signature;
+    QString reason = ReadPublishedFile(files + guard::SumsName(), &sums);
+    if (reason.isEmpty())
+        reason = ReadPublishedFile(files + guard::SignatureName(), &signature);
+    if (!reason.isEmpty())
+        problems.Refuse(Shown(server.BuildPath(copy.from)), reason);
+    else
+        CheckSums(sums, signature, copy.manifest, copy.from, trusted, &problems);
+    if (problems.IsEmpty())
+        CheckContents(copy);
+    if (!problems.IsEmpty() || IsInterrupted())
+        return false;
+
+    // The list is the same under each version.
+    const QString name = guard::SignatureName();
+    copy.signature = key.Sign(sums, guard::TrustedComment(IdentityOf(copy.to))).FileText();
+    for (updater::File& file : copy.manifest.files) {
+        if (file.Name() == name)
+            file = updater::File(
+                name,
+                QString::fromLatin1(
+                    QCryptographicHash::hash(copy.signature, QCryptographicHash::Md5).toHex()),
+                quint64(copy.signature.size()), file.PermissionsString(), QString());
+    }
+    copy.manifest.sha256.insert(name, Sha256::HexOf(copy.signature));
+    SignManifest(&copy.manifest, copy.to, key);
+    return true;
+}
+
+void RollbackCommand::CheckContents(const Copy& copy)
+{
+    const updater::FileList& files = copy.manifest.files;
+    const QMap<QString, QByteArray>& sha256 = copy.manifest.sha256;
+    const QString root = server.FilesPath(copy.from) + QLatin1Char('/');
+    std::vector<QString> reasons(size_t(files.size()));
+    const auto read = [&](int, qsizetype index) {
+        const updater::File& file = files.at(index);
+        if (!file.IsSymlink())
+            reasons[size_t(index)] =
+                PublishedFileProblem(root + file.Name(), file, sha256.value(file.Name()));
+        return !IsInterrupted();
+    };
+    ForEach(files.size(), read, [] {});
+    for (qsizetype i = 0; i < files.size(); ++i) {
+        if (!reasons[size_t(i)].isEmpty())
+            problems.Refuse(Shown(files.at(i).Name()), reasons[size_t(i)]);
+    }
 }
 
 bool RollbackCommand::Stage(Copy& copy, QString& error)
@@ -220,6 +322,11 @@ bool RollbackCommand::StageFiles(const Copy& copy, QString& error)
                 return false;
             }
             directories.insert(parent);
+        }
+        if (!copy.signature.isEmpty() && file.Name() == guard::SignatureName()) {
+            if (!WriteNewFile(path, copy.signature, error))
+                return false;
+            continue;
         }
         if (!LinkOrCopy(server.FilesPath(copy.from) + QLatin1Char('/') + file.Name(), path, error))
             return false;
@@ -273,6 +380,7 @@ bool RollbackCommand::Offer(QString& error)
         Warn(error);
         error.clear();
     }
+    WarnOfLostSignatures(server, result.before, result.offered);
     Say(QStringLiteral("clients are offered version %1 now, %2 before")
             .arg(result.offered, Printable(result.before)));
     return true;

@@ -5,6 +5,7 @@
 #include "server/history.h"
 #include "server/manifest.h"
 #include "server/servertree.h"
+#include "signing/keyfiles.h"
 
 #include <QJsonObject>
 #include <QList>
@@ -15,8 +16,10 @@ namespace publish {
 
 struct RollbackSettings
 {
-    QString serverTree; //!< directory that holds the builds
-    QString as;         //!< version to publish the older builds as; empty: under their own
+    QString serverTree;   //!< directory that holds the builds
+    QString as;           //!< version to publish the older builds as; empty: under their own
+    SigningOptions sign;  //!< the key to sign them anew with
+    QStringList keyFiles; //!< public keys that they may be signed with, besides that one
     bool dryRun = false;
     int waitSeconds = 0; //!< how long to wait for another run, 0 to ServerTree::maxWait
 };
@@ -36,7 +39,9 @@ struct RollbackResult
 
 /**
  * Offers clients what they were offered before. With a version of its own the older builds are
- * published once more under it, for hosts that never take an earlier version.
+ * published once more under it, for hosts that never take an earlier version. A signature names the
+ * version, so they are signed anew, after everything has been checked with the one that they have:
+ * whoever can write to the server must not get a signature for it.
  */
 class RollbackCommand
 {
@@ -56,7 +61,8 @@ private:
         Build from;
         Build to;
         Manifest manifest;
-        QByteArray text; // of the manifest
+        QByteArray text;      // of the manifest
+        QByteArray signature; // of the list of digests; empty: not signed
         QString staged;
         bool placed; // by an earlier run that was interrupted
     };
@@ -65,6 +71,9 @@ private:
     bool FinishEarlierRun(QString& error);
     void PlanCopies();
     void PlanCopy(const Build& from);
+    bool CheckKeys();
+    bool SignAnew(Copy& copy, const QByteArray& text);
+    void CheckContents(const Copy& copy);
     bool Stage(Copy& copy, QString& error);
     bool StageFiles(const Copy& copy, QString& error);
     bool PlaceCopies(QString& error);
@@ -78,6 +87,8 @@ private:
     ServerTree server;
     Problems problems;
     History history;
+    SecretKey key;
+    QList<guard::PublicKey> trusted; // keys of the builds that are signed anew
     QList<Copy> copies;
     RollbackResult result;
 };

@@ -4,6 +4,7 @@
 #include "output/console.h"
 #include "server/disk.h"
 #include "server/publishedbuild.h"
+#include "signing/keyfiles.h"
 #include "source/names.h"
 #include "verify/verifysite.h"
 #include "verify/verifytree.h"
@@ -54,6 +55,7 @@ void VerifyCommand::CheckSettings(bool isAddress)
     if (settings.jobs < 1 || settings.jobs > 16)
         problems.Refuse(QStringLiteral("--jobs %1").arg(settings.jobs),
                         QStringLiteral("is not a number from 1 to 16"));
+    settings.keys = LoadPublicKeys(settings.keyFiles, &problems);
     if (!isAddress)
         return;
     const QString problem = BaseUrlProblem(settings.target);

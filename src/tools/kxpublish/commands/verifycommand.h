@@ -4,6 +4,8 @@
 #include "output/problems.h"
 #include "server/servertree.h"
 
+#include <kxguard/publickey.h>
+
 #include <QJsonObject>
 #include <QList>
 #include <QString>
@@ -13,11 +15,13 @@ namespace publish {
 
 struct VerifySettings
 {
-    QString target;    //!< directory that holds the builds, or the address at which it is served
-    QStringList names; //!< packages; empty: all of a directory. An address needs one
-    QString version;   //!< empty: all of a directory, the offered one of an address
-    QString platform;  //!< empty: all of a directory, x64 of an address
-    int jobs = 4;      //!< files that are read at the same time, 1 to 16
+    QString target;       //!< directory that holds the builds, or the address at which it is served
+    QStringList names;    //!< packages; empty: all of a directory. An address needs one
+    QString version;      //!< empty: all of a directory, the offered one of an address
+    QString platform;     //!< empty: all of a directory, x64 of an address
+    QStringList keyFiles; //!< public keys; when there are any, builds have to be signed
+    QList<guard::PublicKey> keys; //!< those of the files, read by the command
+    int jobs = 4;                 //!< files that are read at the same time, 1 to 16
 };
 
 /** What reading everything back has shown. */

@@ -9,6 +9,61 @@ namespace publish {
 
 static constexpr qint64 maxReply = 64 * 1024 * 1024;
 
+namespace {
+
+// Clients pass over attributes that they do not know.
+void WriteSignature(QXmlStreamWriter& xml, const ManifestSignature& signature)
+{
+    xml.writeAttribute(QStringLiteral("version"), signature.version);
+    xml.writeAttribute(QStringLiteral("platform"), signature.platform);
+    xml.writeAttribute(QStringLiteral("signature"), signature.signature);
+    xml.writeAttribute(QStringLiteral("trustedComment"), signature.trustedComment);
+    xml.writeAttribute(QStringLiteral("commentSignature"), signature.commentSignature);
+}
+
+// To the beginning of the build that clients choose: the first one of the package, if that has an
+// address. False when there is none.
+bool FindBuild(QXmlStreamReader& xml, const QString& package)
+{
+    bool isPackage = false;
+    while (!xml.atEnd()) {
+        if (xml.readNext() != QXmlStreamReader::StartElement)
+            continue;
+        const QXmlStreamAttributes attributes = xml.attributes();
+        if (xml.name() == QLatin1String("package")) {
+            isPackage = attributes.value(QLatin1String("name")) == package;
+        } else if (isPackage && xml.name() == QLatin1String("build")) {
+            if (!attributes.value(QLatin1String("DownloadURL")).isEmpty())
+                return true;
+            isPackage = false;
+        }
+    }
+    return false;
+}
+
+// What the reader of the clients knows nothing of.
+void ReadSignature(const QByteArray& text, Manifest* manifest)
+{
+    QXmlStreamReader xml(text);
+    if (!FindBuild(xml, manifest->package))
+        return;
+    const auto value = [&xml](const char* name) {
+        return xml.attributes().value(QLatin1String(name)).toString();
+    };
+    manifest->signature = {value("version"), value("platform"), value("signature"),
+                           value("trustedComment"), value("commentSignature")};
+    while (!manifest->signature.IsEmpty() && !xml.atEnd()) {
+        const QXmlStreamReader::TokenType token = xml.readNext();
+        if (token == QXmlStreamReader::EndElement && xml.name() == QLatin1String("build"))
+            return;
+        if (token == QXmlStreamReader::StartElement && xml.name() == QLatin1String("file") &&
+            !value("sha256").isEmpty())
+            manifest->sha256.insert(value("name"), value("sha256").toLatin1());
+    }
+}
+
+} // namespace
+
 QString PermissionText(int mode, bool isLink)
 {
     if (isLink)
@@ -34,6 +89,8 @@ QByteArray WriteManifest(const Manifest& manifest)
     xml.writeStartElement(QStringLiteral("build"));
     xml.writeAttribute(QStringLiteral("DownloadURL"), manifest.downloadUrl);
     xml.writeAttribute(QStringLiteral("PostExec"), manifest.executable);
+    if (!manifest.signature.IsEmpty())
+        WriteSignature(xml, manifest.signature);
     for (const updater::File& file : manifest.files) {
         xml.writeEmptyElement(QStringLiteral("file"));
         xml.writeAttribute(QStringLiteral("name"), file.Name());
@@ -41,6 +98,9 @@ QByteArray WriteManifest(const Manifest& manifest)
         xml.writeAttribute(QStringLiteral("size"), QString::number(file.Size()));
         xml.writeAttribute(QStringLiteral("permissions"), file.PermissionsString());
         xml.writeAttribute(QStringLiteral("symlink"), file.SymlinkPath());
+        const QByteArray sha256 = manifest.sha256.value(file.Name());
+        if (!sha256.isEmpty())
+            xml.writeAttribute(QStringLiteral("sha256"), QString::fromLatin1(sha256));
     }
     xml.writeEndDocument();
     return text;
@@ -56,7 +116,14 @@ Manifest ReadManifest(const QString& package, const QByteArray& text)
     manifest.downloadUrl = reader.DownloadURL();
     manifest.executable = reader.ExecutableName();
     manifest.files = reader.Files();
+    ReadSignature(text, &manifest);
     return manifest;
+}
+
+bool CarriesSignature(const QString& package, QIODevice& device)
+{
+    QXmlStreamReader xml(&device);
+    return FindBuild(xml, package) && !xml.attributes().value(QLatin1String("signature")).isEmpty();
 }
 
 QString ManifestProblem(const Manifest& manifest, const QByteArray& text)
@@ -77,6 +144,8 @@ QString ManifestProblem(const Manifest& manifest, const QByteArray& text)
             return QStringLiteral("clients would not read the record of '%1' as it was written")
                 .arg(should.Name());
     }
+    if (read.signature.signature != manifest.signature.signature || read.sha256 != manifest.sha256)
+        return QStringLiteral("the signature would not be read as it was written");
     return {};
 }
 

@@ -3,9 +3,26 @@
 #include <kxupdater/file.h>
 
 #include <QByteArray>
+#include <QMap>
 #include <QString>
 
+QT_BEGIN_NAMESPACE
+class QIODevice;
+QT_END_NAMESPACE
+
 namespace publish {
+
+/** The signature of a build, as the attributes of its element. */
+struct ManifestSignature
+{
+    QString version;
+    QString platform;
+    QString signature; //!< in base64, as the second line of a signature file
+    QString trustedComment;
+    QString commentSignature; //!< in base64, as the fourth line
+
+    bool IsEmpty() const { return signature.isEmpty(); }
+};
 
 /** Everything that an index.xml says. */
 struct Manifest
@@ -14,6 +31,8 @@ struct Manifest
     QString downloadUrl;
     QString executable;
     updater::FileList files;
+    ManifestSignature signature;      //!< empty in a build that is not signed
+    QMap<QString, QByteArray> sha256; //!< hexadecimal digits, by name of file; of a signed build
 };
 
 /** Permission bits as a directory listing shows them; "lrwxrwxrwx" for every link. */
@@ -23,10 +42,15 @@ QString PermissionText(int mode, bool isLink);
 QByteArray WriteManifest(const Manifest& manifest);
 
 /**
- * Reads the text of an index.xml with the reader of the clients and looks for `package`. Without a
- * usable build the result's list of files is empty.
+ * Reads the text of an index.xml, what clients use of it with the reader of the clients and looks
+ * for `package`. Without a usable build the result's list of files is empty. The signature is not
+ * checked.
  */
 Manifest ReadManifest(const QString& package, const QByteArray& text);
+
+/** True when the build that clients choose from the index.xml in `device` carries a signature, good
+ *  or not. Reads no further than that build's beginning. */
+bool CarriesSignature(const QString& package, QIODevice& device);
 
 /** Why clients would not get from `text` what `manifest` says; empty when they would. */
 QString ManifestProblem(const Manifest& manifest, const QByteArray& text);

@@ -41,7 +41,8 @@ bool CheckServerTree(const ServerTree& server, const QString& path)
     return false;
 }
 
-QString ReadManifestOf(const ServerTree& server, const Build& build, Manifest& manifest)
+QString ReadManifestOf(const ServerTree& server, const Build& build, Manifest& manifest,
+                       QByteArray* text)
 {
     QFile file;
     int mode = 0;
@@ -53,7 +54,10 @@ QString ReadManifestOf(const ServerTree& server, const Build& build, Manifest& m
         return QStringLiteral("has %1 bytes, and clients read no more than %2")
             .arg(file.size())
             .arg(MaxReplySize());
-    manifest = ReadManifest(build.package, file.readAll());
+    const QByteArray bytes = file.readAll();
+    manifest = ReadManifest(build.package, bytes);
+    if (text)
+        *text = bytes;
     if (manifest.files.isEmpty())
         return QStringLiteral("not a manifest with files of %1").arg(build.package);
     return {};
@@ -102,6 +106,29 @@ void CheckPromotable(const ServerTree& server, const QString& version, Problems*
             problems->Refuse(Shown(row.key().first),
                              QStringLiteral("not published in version %1 for %2")
                                  .arg(version, row.key().second));
+    }
+}
+
+void WarnOfLostSignatures(const ServerTree& server, const QString& before, const QString& offered)
+{
+    const QList<Build> builds = server.Builds();
+    const auto isSigned = [&server](const Build& build) {
+        QFile file;
+        int mode = 0;
+        QString error;
+        return OpenRegularFile(file, server.ManifestPath(build), mode, error) &&
+               CarriesSignature(build.package, file);
+    };
+    QSet<Place> wereSigned;
+    for (const Build& build : builds) {
+        if (build.version == before && isSigned(build))
+            wereSigned.insert(PlaceOf(build));
+    }
+    for (const Build& build : builds) {
+        if (build.version == offered && wereSigned.contains(PlaceOf(build)) && !isSigned(build))
+            Warn(QStringLiteral("%1 %2 for %3 is not signed, and %4 is: clients that want a "
+                                "signature refuse it")
+                     .arg(build.package, offered, Printable(build.platform), before));
     }
 }
 

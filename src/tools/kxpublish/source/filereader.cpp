@@ -4,6 +4,7 @@
 #include "output/console.h"
 #include "output/progress.h"
 #include "server/disk.h"
+#include "signing/sha256.h"
 
 #include <QCryptographicHash>
 
@@ -31,9 +32,17 @@ qint64 ReadFully(QFile& file, QByteArray& block, qint64 size)
 
 ReadBuffers::ReadBuffers() : first(size, Qt::Uninitialized), second(size, Qt::Uninitialized) {}
 
+ReadResult ReadResult::Of(Kind kind, const QString& text)
+{
+    ReadResult result;
+    result.kind = kind;
+    result.text = text;
+    return result;
+}
+
 FileReader::FileReader(const QString& path, const QString& name, const FileStatus& listed,
-                       ReadBuffers& buffers, ProgressMeter* progress)
-    : path(path), name(name), listed(listed), buffers(buffers), progress(progress)
+                       Digests digests, ReadBuffers& buffers, ProgressMeter* progress)
+    : path(path), name(name), listed(listed), digests(digests), buffers(buffers), progress(progress)
 {
 }
 
@@ -89,10 +98,9 @@ ReadResult FileReader::CopyTo(const QString& destination)
     QFile copy(destination);
     if (copy.open(QIODevice::WriteOnly | QIODevice::NewOnly | QIODevice::Unbuffered))
         return Read(&copy);
-    ReadResult result;
-    result.kind = ReadResult::Failed;
-    result.text = QStringLiteral("cannot write %1: %2").arg(Shown(destination), copy.errorString());
-    return result;
+    return ReadResult::Of(
+        ReadResult::Failed,
+        QStringLiteral("cannot write %1: %2").arg(Shown(destination), copy.errorString()));
 }
 
 ReadResult FileReader::Read(QFile* copy)
@@ -101,12 +109,15 @@ ReadResult FileReader::Read(QFile* copy)
     if (!Open(result))
         return result;
     QCryptographicHash hash(QCryptographicHash::Md5);
+    Sha256 sha256;
     while (left > 0) {
         const qint64 length = ReadBlock(result);
         if (length < 0)
             return result;
         const QByteArrayView bytes(buffers.first.constData(), length);
         hash.addData(bytes);
+        if (digests == Digests::Md5AndSha256)
+            sha256.Add(bytes);
         if (copy && !WriteAll(*copy, bytes, result.text)) {
             result.kind = ReadResult::Failed;
             return result;
@@ -114,6 +125,8 @@ ReadResult FileReader::Read(QFile* copy)
     }
     CheckUnchanged(result);
     result.digest = hash.result();
+    if (digests == Digests::Md5AndSha256)
+        result.sha256 = sha256.Hex();
     return result;
 }
 

@@ -34,6 +34,15 @@ struct ReadResult
     Kind kind = Good;
     QString text;
     QByteArray digest; //!< MD5, 16 bytes, where one was asked for
+    QByteArray sha256; //!< hexadecimal digits, where they were asked for
+
+    static ReadResult Of(Kind kind, const QString& text);
+};
+
+/** Which digests a file gets while it is read. */
+enum class Digests {
+    Md5,
+    Md5AndSha256,
 };
 
 /**
@@ -45,7 +54,7 @@ class FileReader
 {
 public:
     /** `progress` is told of the bytes on their way; it is not owned. */
-    FileReader(const QString& path, const QString& name, const FileStatus& listed,
+    FileReader(const QString& path, const QString& name, const FileStatus& listed, Digests digests,
                ReadBuffers& buffers, ProgressMeter* progress);
 
     ReadResult Hash();
@@ -63,6 +72,7 @@ private:
     QString path;
     QString name;
     FileStatus listed;
+    Digests digests;
     ReadBuffers& buffers;
     ProgressMeter* progress;
     QFile file;

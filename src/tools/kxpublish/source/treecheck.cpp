@@ -76,6 +76,11 @@ void TreeCheck::Run()
     progress->End();
 }
 
+QString TreeCheck::RulesName()
+{
+    return QLatin1String(rulesName);
+}
+
 const TreeContents& TreeCheck::Contents() const
 {
     return contents;

@@ -51,6 +51,8 @@ public:
 
     /** Lists the tree and collects its problems. */
     void Run();
+    /** Name of the files that hold rules; they are left out themselves. */
+    static QString RulesName();
     /** Complete only when there are no problems. */
     const TreeContents& Contents() const;
 

@@ -39,10 +39,11 @@ QString DifferenceText(QFile& published, const QByteArray& digest, const QString
 } // namespace
 
 TreeCopy::TreeCopy(const QString& source, const QString& destination, const TreeContents& contents,
-                   const PublishedFiles& published, ProgressMeter* progress)
+                   Digests digests, const PublishedFiles& published, ProgressMeter* progress)
     : source(source),
       destination(destination),
       contents(contents),
+      digests(digests),
       published(published),
       progress(progress)
 {
@@ -133,6 +134,7 @@ void TreeCopy::HashOrCopy(Item& item, ReadBuffers& buffers)
     FileReader reader = Reader(item, buffers);
     item.result = item.copied ? reader.CopyTo(CopyPath(item)) : reader.Hash();
     item.digest = item.result.digest;
+    item.sha256 = item.result.sha256;
 }
 
 void TreeCopy::LinkOrCompare(Item& item, ReadBuffers& buffers)
@@ -151,12 +153,12 @@ void TreeCopy::CompareWithCopy(Item& item, ReadBuffers& buffers)
     if (OpenRegularFile(copy, CopyPath(item), mode, reason)) {
         item.result = Reader(item, buffers).CompareWith(copy);
         if (item.result.kind == ReadResult::Different)
-            item.result = {ReadResult::Changed, WrittenText(), {}};
+            item.result = ReadResult::Of(ReadResult::Changed, WrittenText());
         return;
     }
-    item.result = {ReadResult::Failed,
-                   QStringLiteral("cannot read %1: %2").arg(Shown(CopyPath(item)), reason),
-                   {}};
+    item.result =
+        ReadResult::Of(ReadResult::Failed,
+                       QStringLiteral("cannot read %1: %2").arg(Shown(CopyPath(item)), reason));
 }
 
 // True when nothing is left to do, well or badly.
@@ -216,7 +218,8 @@ TreeCopy::Try TreeCopy::TryPlace(Item& item, const PublishedFiles::Place& place,
         linked.close();
     }
     if (!IsDry() && !QFile::remove(copy)) {
-        item.result = {ReadResult::Failed, QStringLiteral("cannot remove ") + Shown(copy), {}};
+        item.result =
+            ReadResult::Of(ReadResult::Failed, QStringLiteral("cannot remove ") + Shown(copy));
         return Try::Ended;
     }
     return passOver(reason);
@@ -246,14 +249,15 @@ void TreeCopy::CopyHashed(Item& item, ReadBuffers& buffers)
 {
     item.copied = true;
     item.result = Reader(item, buffers).CopyTo(CopyPath(item));
-    if (item.result.kind == ReadResult::Good && item.result.digest != item.digest)
-        item.result = {ReadResult::Changed, WrittenText(), {}};
+    if (item.result.kind == ReadResult::Good &&
+        (item.result.digest != item.digest || item.result.sha256 != item.sha256))
+        item.result = ReadResult::Of(ReadResult::Changed, WrittenText());
 }
 
 FileReader TreeCopy::Reader(const Item& item, ReadBuffers& buffers) const
 {
-    return FileReader(source + QLatin1Char('/') + item.name, item.name, item.file.status, buffers,
-                      progress);
+    return FileReader(source + QLatin1Char('/') + item.name, item.name, item.file.status, digests,
+                      buffers, progress);
 }
 
 QString TreeCopy::CopyPath(const Item& item) const
@@ -361,12 +365,22 @@ bool TreeCopy::SyncEach(QString& error)
     return true;
 }
 
-QMap<QString, QByteArray> TreeCopy::Digests() const
+QMap<QString, QByteArray> TreeCopy::Md5Digests() const
 {
-    QMap<QString, QByteArray> digests;
+    QMap<QString, QByteArray> found;
     for (const Item& item : items)
-        digests.insert(item.name, item.digest.toHex());
-    return digests;
+        found.insert(item.name, item.digest.toHex());
+    return found;
+}
+
+QMap<QString, QByteArray> TreeCopy::Sha256Digests() const
+{
+    QMap<QString, QByteArray> found;
+    for (const Item& item : items) {
+        if (digests == Digests::Md5AndSha256)
+            found.insert(item.name, item.sha256);
+    }
+    return found;
 }
 
 CopyTotals TreeCopy::Totals() const

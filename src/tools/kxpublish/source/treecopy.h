@@ -41,10 +41,11 @@ public:
 
     /**
      * From the directory `source` into the existing, empty directory `destination`; into nothing
-     * when that is empty. The other arguments are not owned and stay as they are meanwhile.
+     * when that is empty. `digests`: those that are made of each file. The other arguments are not
+     * owned and stay as they are meanwhile.
      */
     TreeCopy(const QString& source, const QString& destination, const TreeContents& contents,
-             const PublishedFiles& published, ProgressMeter* progress);
+             Digests digests, const PublishedFiles& published, ProgressMeter* progress);
 
     /**
      * Copies and brings everything to the disk. What has changed is reported as problems, what
@@ -52,8 +53,10 @@ public:
      */
     Result Run(Problems* problems, QString& error);
 
-    /** Digests as hexadecimal digits by file name, once Run() is Complete. */
-    QMap<QString, QByteArray> Digests() const;
+    /** MD5 digests as hexadecimal digits by file name, once Run() is Complete. */
+    QMap<QString, QByteArray> Md5Digests() const;
+    /** SHA-256 digests likewise; empty when they were not asked for. */
+    QMap<QString, QByteArray> Sha256Digests() const;
     CopyTotals Totals() const;
 
 private:
@@ -63,7 +66,8 @@ private:
         QString name;
         TreeFile file;
         ReadResult result;
-        QByteArray digest;
+        QByteArray digest; // MD5
+        QByteArray sha256;
         QStringList warnings;
         QString linkError;
         bool copied = false;
@@ -93,6 +97,7 @@ private:
     QString source;
     QString destination;
     const TreeContents& contents;
+    Digests digests;
     const PublishedFiles& published;
     ProgressMeter* progress;
     std::vector<Item> items; // in the order of their names

@@ -28,18 +28,21 @@ HttpRead::HttpRead(QNetworkAccessManager* manager, QObject* parent)
     connect(&fetch, &HttpFetch::ended, this, &HttpRead::OnEnded);
 }
 
-void HttpRead::Start(const QUrl& url, quint64 newMost, bool keep)
+void HttpRead::Start(const QUrl& url, quint64 newMost, Body kind)
 {
     hash.reset();
+    sha256 = Sha256();
+    sha256Digest.clear();
     body.clear();
     cacheControl.clear();
     contentEncoding.clear();
     problem.clear();
     most = newMost;
     size = 0;
-    keepBody = keep;
+    keepBody = kind != Body::Hashed;
     onlyHead = false;
-    const auto packing = keep ? HttpFetch::Packing::Allowed : HttpFetch::Packing::Never;
+    const auto packing =
+        kind == Body::KeptUnpacked ? HttpFetch::Packing::Allowed : HttpFetch::Packing::Never;
     fetch.Start(HttpFetch::MakeRequest(url, true, packing), timeoutSeconds);
 }
 
@@ -87,6 +90,7 @@ bool HttpRead::Take()
         return false;
     }
     hash.addData(QByteArrayView(data.constData(), data.size()));
+    sha256.Add(QByteArrayView(data.constData(), data.size()));
     if (keepBody)
         body += data;
     return true;
@@ -109,6 +113,7 @@ void HttpRead::OnEnded()
                    .arg(fetch.ContentLength()));
         return;
     }
+    sha256Digest = sha256.Hex();
     Finish({});
 }
 

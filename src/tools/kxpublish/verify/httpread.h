@@ -1,6 +1,7 @@
 #pragma once
 
 #include "httpfetch.h"
+#include "signing/sha256.h"
 
 #include <QByteArray>
 #include <QCryptographicHash>
@@ -12,8 +13,9 @@ namespace publish {
 /**
  * Reads one reply after the other as clients do, into a size and a digest. Keeps the body only when
  * asked to, holds a megabyte of it otherwise, and stops as soon as there is more than was expected.
- * A body that is kept may come compressed, as clients allow it for version reply and manifest; it
- * is unpacked, and size and digest are of what it unpacks to. May be started again inside done().
+ * A body that is kept may come compressed where clients allow it, for version reply and manifest;
+ * it is unpacked, and size and digest are of what it unpacks to. May be started again inside
+ * done().
  */
 class HttpRead : public QObject
 {
@@ -22,8 +24,14 @@ public:
     /** `manager` is not owned and must outlive this. */
     HttpRead(QNetworkAccessManager* manager, QObject* parent);
 
+    /** What becomes of a body. */
+    enum class Body {
+        Hashed,       //!< sizes and digests are all that is left of it
+        Kept,         //!< as well, asked for as it is
+        KeptUnpacked, //!< as well, and it may come compressed
+    };
     /** Reads all of a body of `most` bytes at most; done() follows. */
-    void Start(const QUrl& url, quint64 most, bool keepBody);
+    void Start(const QUrl& url, quint64 most, Body body);
     /** Asks for the first byte only, and looks whether the server sends just that. */
     void StartRange(const QUrl& url);
     void Abort();
@@ -32,7 +40,9 @@ public:
     const QString& Problem() const { return problem; }
     quint64 Size() const { return size; }
     QString Digest() const { return QString::fromLatin1(hash.result().toHex()); }
-    const QByteArray& Body() const { return body; }
+    /** SHA-256 in hexadecimal digits. */
+    const QByteArray& Sha256Digest() const { return sha256Digest; }
+    const QByteArray& Bytes() const { return body; }
     /** Headers of the reply; empty when there is none of that name. */
     const QByteArray& CacheControl() const { return cacheControl; }
     const QByteArray& ContentEncoding() const { return contentEncoding; }
@@ -54,6 +64,8 @@ private:
 
     common::http::HttpFetch fetch;
     QCryptographicHash hash;
+    Sha256 sha256;
+    QByteArray sha256Digest;
     QByteArray body;
     QByteArray cacheControl;
     QByteArray contentEncoding;

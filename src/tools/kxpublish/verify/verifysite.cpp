@@ -3,6 +3,8 @@
 #include "interrupt.h"
 #include "output/console.h"
 #include "server/recordcheck.h"
+#include "signing/signaturecheck.h"
+#include "signing/signing.h"
 #include "source/names.h"
 
 #include <kxcommon/pathguard.h>
@@ -99,7 +101,7 @@ void VerifySite::CheckReply()
         problems.Refuse(Shown(address), read.Problem());
         return;
     }
-    const QString version = ReadVersionReply(read.Body());
+    const QString version = ReadVersionReply(read.Bytes());
     const QString problem = VersionProblem(version);
     if (problem.isEmpty())
         result->offered = version;
@@ -121,10 +123,14 @@ void VerifySite::CheckBuild(const Build& build)
     row = VerifyResult::Row();
     row.build = build;
     problems = Problems();
+    isSigned = false;
+    kept.clear();
     Manifest manifest;
     if (ReadManifestText(build, manifest)) {
         CheckRecords(manifest, &problems);
         CheckFiles(manifest);
+        if (isSigned && !IsInterrupted())
+            CheckSignedSums(manifest);
         if (!IsInterrupted())
             CheckRanges();
     }
@@ -146,7 +152,7 @@ bool VerifySite::ReadManifestText(const Build& build, Manifest& manifest)
         problems.Refuse(Shown(address), read.Problem());
         return false;
     }
-    manifest = ReadManifest(build.package, read.Body());
+    manifest = ReadManifest(build.package, read.Bytes());
     if (manifest.files.isEmpty()) {
         problems.Refuse(Shown(address),
                         QStringLiteral("not a manifest with files of %1").arg(build.package));
@@ -158,6 +164,12 @@ bool VerifySite::ReadManifestText(const Build& build, Manifest& manifest)
                             .arg(Shown(manifest.downloadUrl)));
         return false;
     }
+    if (!settings.keys.isEmpty()) {
+        const QString problem = ManifestSignatureProblem(read.Bytes(), build, settings.keys);
+        isSigned = problem.isEmpty();
+        if (!isSigned)
+            problems.Refuse(Shown(address), problem);
+    }
     if (manifest.downloadUrl != place + QStringLiteral("/files"))
         problems.Warn(Shown(address), QStringLiteral("clients are sent elsewhere for its files: ") +
                                           Shown(manifest.downloadUrl));
@@ -167,6 +179,7 @@ bool VerifySite::ReadManifestText(const Build& build, Manifest& manifest)
 void VerifySite::CheckFiles(const Manifest& manifest)
 {
     downloadUrl = manifest.downloadUrl;
+    sha256 = manifest.sha256;
     encoded = 0;
     files.clear();
     // What else CheckRecords() has found, clients never ask for.
@@ -193,6 +206,25 @@ void VerifySite::CheckFiles(const Manifest& manifest)
                                 .arg(encoded - 1));
 }
 
+// Larger ones than any list of digests stay unread.
+bool VerifySite::IsKept(const updater::File& file) const
+{
+    return isSigned && SigningFileNames().contains(file.Name()) &&
+           file.Size() <= quint64(MaxReplySize());
+}
+
+void VerifySite::CheckSignedSums(const Manifest& manifest)
+{
+    for (const QString& name : SigningFileNames()) {
+        if (kept.contains(name))
+            continue;
+        problems.Refuse(Shown(name), QStringLiteral("could not be compared with the manifest"));
+        return;
+    }
+    CheckSums(kept.value(guard::SumsName()), kept.value(guard::SignatureName()), manifest,
+              row.build, settings.keys, &problems);
+}
+
 void VerifySite::StartNext(Transfer& transfer)
 {
     if (next == files.size() || IsInterrupted())
@@ -200,7 +232,9 @@ void VerifySite::StartNext(Transfer& transfer)
     transfer.file = next++;
     const updater::File& file = files.at(transfer.file);
     ++running;
-    transfer.read->Start(FileUrl(downloadUrl, file.Name()), file.Size(), false);
+    const bool kept = IsKept(file);
+    transfer.read->Start(FileUrl(downloadUrl, file.Name()), file.Size(),
+                         kept ? HttpRead::Body::Kept : HttpRead::Body::Hashed);
 }
 
 void VerifySite::OnDone(Transfer& transfer)
@@ -219,6 +253,10 @@ void VerifySite::OnDone(Transfer& transfer)
                 QStringLiteral("has %1 bytes instead of %2").arg(read.Size()).arg(file.Size());
         else if (read.Digest().compare(file.MD5(), Qt::CaseInsensitive) != 0)
             reasons[index] = QStringLiteral("has another digest than the manifest says");
+        else if (isSigned && read.Sha256Digest() != sha256.value(file.Name()))
+            reasons[index] = QStringLiteral("has another SHA-256 digest than the manifest says");
+        else if (IsKept(file))
+            kept.insert(file.Name(), read.Bytes());
         const QByteArray& encoding = read.ContentEncoding();
         if (!encoding.isEmpty() && encoding != "identity" && encoded++ == 0)
             firstEncoded = file.Name();
@@ -249,7 +287,7 @@ void VerifySite::CheckRanges()
 bool VerifySite::Fetch(const QUrl& url, quint64 most)
 {
     ++running;
-    transfers.front().read->Start(url, most, true);
+    transfers.front().read->Start(url, most, HttpRead::Body::KeptUnpacked);
     Wait();
     return !IsInterrupted();
 }

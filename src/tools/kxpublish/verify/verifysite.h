@@ -43,6 +43,8 @@ private:
     void CheckBuild(const Build& build);
     bool ReadManifestText(const Build& build, Manifest& manifest);
     void CheckFiles(const Manifest& manifest);
+    void CheckSignedSums(const Manifest& manifest);
+    bool IsKept(const updater::File& file) const;
     void CheckRanges();
     void StartNext(Transfer& transfer);
     void OnDone(Transfer& transfer);
@@ -62,8 +64,11 @@ private:
     Problems problems;
     QString downloadUrl;
     updater::FileList files;
-    QStringList reasons; // why each of the files is bad; empty for a good one
-    qsizetype next = 0;  // of the files: not begun
+    bool isSigned = false; // the manifest, with one of the keys
+    QMap<QString, QByteArray> sha256;
+    QMap<QString, QByteArray> kept; // content of the list of digests and its signature
+    QStringList reasons;            // why each of the files is bad; empty for a good one
+    qsizetype next = 0;             // of the files: not begun
     int running = 0;
     qsizetype encoded = 0; // files that came with a content encoding
     QString firstEncoded;

@@ -3,12 +3,14 @@
 #include "interrupt.h"
 #include "output/console.h"
 #include "server/publishedbuild.h"
+#include "server/publishedfilecheck.h"
 #include "server/recordcheck.h"
+#include "signing/signaturecheck.h"
+#include "signing/signing.h"
 #include "source/names.h"
 #include "source/platform.h"
 #include "source/treecheck.h"
 
-#include <QCryptographicHash>
 #include <QFile>
 #include <QFileInfo>
 
@@ -20,40 +22,12 @@
 namespace publish {
 namespace {
 
-constexpr qint64 blockSize = 1024 * 1024;
 constexpr int readOther = 0004;
 constexpr int passOther = 0001;
 
 QString UnreadableText()
 {
     return QStringLiteral("others may not read it, such as the web server");
-}
-
-// Why the file at `path` is not `file`; empty when it is. Any thread.
-QString ReadProblem(const QString& path, const updater::File& file)
-{
-    QFile device;
-    int mode = 0;
-    QString error;
-    if (!OpenRegularFile(device, path, mode, error))
-        return QStringLiteral("cannot be read: ") + error;
-    if (quint64(device.size()) != file.Size())
-        return QStringLiteral("has %1 bytes instead of %2").arg(device.size()).arg(file.Size());
-    QCryptographicHash hash(QCryptographicHash::Md5);
-    QByteArray block(blockSize, Qt::Uninitialized);
-    for (;;) {
-        if (IsInterrupted())
-            return {};
-        const qint64 length = device.read(block.data(), blockSize);
-        if (length < 0)
-            return QStringLiteral("cannot be read: ") + device.errorString();
-        if (length == 0)
-            break;
-        hash.addData(QByteArrayView(block.constData(), length));
-    }
-    if (file.MD5().compare(QLatin1String(hash.result().toHex()), Qt::CaseInsensitive) != 0)
-        return QStringLiteral("has another digest than the manifest says");
-    return {};
 }
 
 } // namespace
@@ -164,7 +138,8 @@ void VerifyTree::CheckManifestFile(const Build& build)
 {
     manifest = Manifest();
     const QString path = server.ManifestPath(build);
-    const QString problem = ReadManifestOf(server, build, manifest);
+    QByteArray text;
+    const QString problem = ReadManifestOf(server, build, manifest, &text);
     if (!problem.isEmpty()) {
         problems.Refuse(Shown(path), problem);
         manifest = Manifest();
@@ -178,10 +153,32 @@ void VerifyTree::CheckManifestFile(const Build& build)
                       QStringLiteral("clients are sent to %1, which does not end with %2")
                           .arg(Shown(manifest.downloadUrl), Shown(tail)));
     CheckRecords(manifest, &problems);
+    if (!settings.keys.isEmpty())
+        CheckSignatures(build, text);
     for (const updater::File& file : std::as_const(manifest.files)) {
         if (!file.IsSymlink())
             expected.insert(file.Name(), file);
     }
+}
+
+void VerifyTree::CheckSignatures(const Build& build, const QByteArray& text)
+{
+    const QString problem = ManifestSignatureProblem(text, build, settings.keys);
+    if (!problem.isEmpty()) {
+        problems.Refuse(Shown(server.ManifestPath(build)), problem);
+        return;
+    }
+    QList<QByteArray> contents;
+    for (const QString& name : SigningFileNames()) {
+        QByteArray bytes;
+        const QString reason = ReadPublishedFile(JoinPath(filesPath, name), &bytes);
+        if (!reason.isEmpty()) {
+            problems.Refuse(Shown(name), reason);
+            return;
+        }
+        contents.append(bytes);
+    }
+    CheckSums(contents.first(), contents.last(), manifest, build, settings.keys, &problems);
 }
 
 void VerifyTree::CheckDirectory(const QString& directory)
@@ -227,10 +224,14 @@ void VerifyTree::ReadFiles()
     std::atomic<qsizetype> next = 0;
     const updater::FileList& files = toRead;
     const QString root = filesPath;
+    // Nobody asked for more than what clients compare by themselves.
+    const QMap<QString, QByteArray> digests =
+        settings.keys.isEmpty() ? QMap<QString, QByteArray>() : manifest.sha256;
     const auto work = [&] {
         for (qsizetype i = next++; i < files.size() && !IsInterrupted(); i = next++)
             reasons[size_t(i)] =
-                ReadProblem(root + QLatin1Char('/') + files.at(i).Name(), files.at(i));
+                PublishedFileProblem(root + QLatin1Char('/') + files.at(i).Name(), files.at(i),
+                                     digests.value(files.at(i).Name()));
     };
     std::vector<std::thread> threads;
     for (int i = 1; i < settings.jobs && i < toRead.size(); ++i)

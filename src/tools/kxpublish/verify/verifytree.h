@@ -24,7 +24,7 @@ private:
     void CheckReply();
     void CheckBuild(const Build& build);
     void CheckManifestFile(const Build& build);
-
+    void CheckSignatures(const Build& build, const QByteArray& text);
     void CheckDirectory(const QString& directory);
     void CheckOpenDirectories();
     void ReadFiles();
