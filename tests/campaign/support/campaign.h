@@ -5,6 +5,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <atomic>
 #include <memory>
 
 class QTemporaryDir;
@@ -39,7 +40,8 @@ struct Options
  *     campaign.Figure("kills", kills);
  *     return campaign.End();
  *
- * A wrong command line ends the program with status 2. Not to be made twice; one thread at a time.
+ * A wrong command line ends the program with status 2. Not to be made twice; one thread at a time,
+ * except for Failures() and IsEnough().
  */
 class Campaign
 {
@@ -79,7 +81,7 @@ private:
     Options options;
     QString program;
     QList<QPair<QString, QString>> figures;
-    int failures = 0;
+    std::atomic<int> failures{0};
     int failuresBefore = 0; // when the present directory was made
     qint64 started = 0;     // ms
     std::unique_ptr<QTemporaryDir> directory;
