@@ -2,6 +2,7 @@
 
 #include "fileidentity.h"
 #include "journal.h"
+#include "nativepath.h"
 #include "packagecheck.h"
 #include "recovery.h"
 #include "runningprograms.h"
@@ -59,7 +60,7 @@ QString BackupPath(const QString& app)
 QString WriteProblem(const QString& path)
 {
     namespace fs = std::filesystem;
-    const fs::path probe(path.toStdU16String());
+    const fs::path probe = ToNative(path);
     std::error_code error;
     fs::create_directory(probe, error);
     if (!error)

@@ -1,27 +1,17 @@
 #include "treeinventory.h"
 
+#include "nativepath.h"
+
 #include <QDateTime>
-#include <QFile>
 #include <QFileInfo>
 
 #include <algorithm>
 #include <filesystem>
-#include <type_traits>
 
 namespace guard {
 namespace {
 
 namespace fs = std::filesystem;
-
-// Names on a disk may be any bytes. What is no text becomes one that no record has; the conversions
-// of the standard library would throw.
-QString ToText(const fs::path& path)
-{
-    if constexpr (std::is_same_v<fs::path::value_type, char>)
-        return QFile::decodeName(QByteArray::fromStdString(path.string()));
-    else
-        return QString::fromStdU16String(path.u16string());
-}
 
 InventoryEntry Entry(const fs::directory_entry& found, const QString& name)
 {
@@ -31,11 +21,11 @@ InventoryEntry Entry(const fs::directory_entry& found, const QString& name)
     const fs::file_status status = found.symlink_status(ignored);
     if (fs::is_symlink(status)) {
         entry.kind = InventoryEntry::Link;
-        entry.target = ToText(fs::read_symlink(found.path(), ignored));
+        entry.target = FromNative(fs::read_symlink(found.path(), ignored));
         return entry;
     }
     entry.kind = fs::is_regular_file(status) ? InventoryEntry::File : InventoryEntry::Special;
-    const QFileInfo info(ToText(found.path()));
+    const QFileInfo info(FromNative(found.path()));
     entry.size = quint64(info.size());
     entry.changed = qMax(info.lastModified().toMSecsSinceEpoch(),
                          info.metadataChangeTime().toMSecsSinceEpoch());
@@ -48,7 +38,7 @@ bool TakeInventory(const QString& root, QList<InventoryEntry>* entries, QString*
 {
     entries->clear();
     std::error_code error;
-    const fs::path top(root.toStdU16String());
+    const fs::path top = ToNative(root);
     if (!fs::is_directory(fs::symlink_status(top, error)))
         return true;
 
@@ -62,7 +52,7 @@ bool TakeInventory(const QString& root, QList<InventoryEntry>* entries, QString*
         const Level level = open.takeLast();
         fs::directory_iterator walk(level.path, error);
         for (; !error && walk != fs::directory_iterator(); walk.increment(error)) {
-            const QString name = level.name + ToText(walk->path().filename());
+            const QString name = level.name + FromNative(walk->path().filename());
             std::error_code ignored;
             if (walk->symlink_status(ignored).type() == fs::file_type::directory)
                 open.append({walk->path(), name + QLatin1Char('/')});
@@ -70,7 +60,7 @@ bool TakeInventory(const QString& root, QList<InventoryEntry>* entries, QString*
                 entries->append(Entry(*walk, name));
         }
         if (error) {
-            *unreadable = ToText(level.path);
+            *unreadable = FromNative(level.path);
             return false;
         }
     }
