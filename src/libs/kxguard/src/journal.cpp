@@ -1,7 +1,10 @@
 #include "journal.h"
 
+#include "exposure.h"
+
 #include <kxcommon/durablefiles.h>
 
+#include <QCryptographicHash>
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
@@ -15,6 +18,21 @@ const char header[] = "kxjournal 1";
 bool IsWord(const QByteArray& text)
 {
     return text.size() <= 100 && !text.contains(' ');
+}
+
+QByteArray Digest(const QByteArray& text)
+{
+    return QCryptographicHash::hash(text, QCryptographicHash::Sha256).toHex();
+}
+
+// In a directory that all may write somebody else can leave a journal. Who owns the directory could
+// as well change the application itself.
+bool IsTrusted(const QFileInfo& info)
+{
+    if (info.permission(QFileDevice::WriteOther))
+        return false;
+    return info.ownerId() == QFileInfo(info.path()).ownerId() ||
+           Exposure(info.filePath()).isEmpty();
 }
 
 // The rest of `line` behind "KEY ".
@@ -58,7 +76,7 @@ QByteArray Journal::Text() const
         else
             text += "file " + QByteArray::number(entry.size) + ' ' + entry.name.toUtf8() + '\n';
     }
-    return text + "end " + QByteArray::number(entries.size()) + '\n';
+    return text + "end " + QByteArray::number(entries.size()) + ' ' + Digest(text) + '\n';
 }
 
 bool Journal::Parse(const QByteArray& text, Journal* journal)
@@ -72,7 +90,9 @@ bool Journal::Parse(const QByteArray& text, Journal* journal)
         !Value(lines.at(2), "backup", &backup) || !IsWord(backup))
         return false;
     const qsizetype count = lines.size() - 4;
-    if (lines.takeLast() != "end " + QByteArray::number(count))
+    const QByteArray end = lines.takeLast();
+    const QByteArray above = text.chopped(end.size() + 1);
+    if (end != "end " + QByteArray::number(count) + ' ' + Digest(above))
         return false;
     journal->application = QString::fromUtf8(application);
     journal->backup = QString::fromUtf8(backup);
@@ -94,7 +114,7 @@ QString Journal::PathFor(const QString& appDir)
 bool Journal::Read(const QString& appDir, Journal* journal)
 {
     const QFileInfo info(PathFor(appDir));
-    if (info.isSymLink() || !info.isFile() || info.size() > largest)
+    if (info.isSymLink() || !info.isFile() || info.size() > largest || !IsTrusted(info))
         return false;
     QFile file(info.filePath());
     return file.open(QIODevice::ReadOnly) && Parse(file.read(largest), journal);
@@ -110,12 +130,11 @@ Journal::Match Journal::Compare(const QList<InventoryEntry>& tree) const
         const InventoryEntry* expected = wanted.value(entry.name);
         const bool isSame =
             expected && entry.kind == expected->kind && entry.size == expected->size;
-        // What a power cut has left of a file is shorter.
-        const bool isCut = expected && entry.kind == InventoryEntry::File &&
-                           expected->kind == InventoryEntry::File && entry.size < expected->size;
+        // Not even a power cut leaves a shorter file: the copy is on disk before it is put in
+        // place.
         if (isSame)
             wanted.remove(entry.name);
-        else if (!isCut)
+        else
             hasOthers = true;
     }
     if (wanted.isEmpty())

@@ -16,9 +16,10 @@ namespace guard {
  *     backup IDENTITY
  *     file SIZE NAME
  *     link NAME
- *     end COUNT
+ *     end COUNT DIGEST
  *
- * with a line for each entry of the new version. It is on disk before the swap begins.
+ * with a line for each entry of the new version; DIGEST is the SHA-256 of the lines above. It is on
+ * disk before the swap begins.
  */
 struct Journal
 {
@@ -32,13 +33,14 @@ struct Journal
 
     /** ".NAME.kxjournal" beside the application. */
     static QString PathFor(const QString& appDir);
-    /** Reads the journal of `appDir`; false when there is none, or none that can be read. */
+    /** Reads the journal of `appDir`; false when there is none, or none that can be read and that
+     *  only those may have written who may change the application. */
     static bool Read(const QString& appDir, Journal* journal);
 
     /** How a tree compares with the new version. */
     enum class Match {
         Complete, //!< everything is there, perhaps with more
-        Part,     //!< something is missing or cut, and there is nothing else
+        Part,     //!< something is missing, and there is nothing else
         Other     //!< something is missing, and something else is there
     };
     Match Compare(const QList<InventoryEntry>& tree) const;

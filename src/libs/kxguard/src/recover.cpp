@@ -74,6 +74,7 @@ private:
     const bool mayRemove;
     Journal journal;
     const bool hasJournal;
+    bool isForeign = false; // the journal speaks of other trees than those that stand here
 
     RecoveryState state = RecoveryState::Whole;
     QStringList said;
@@ -134,6 +135,7 @@ QString Recoverer::Decide()
         return QString();
     }
     if (match == Journal::Match::Other) {
+        isForeign = true;
         Say(QStringLiteral("'%1' holds something else than the interrupted install was putting "
                            "there, so '%2' is left alone.")
                 .arg(app, old));
@@ -155,7 +157,7 @@ QString Recoverer::Decide()
 
 QString Recoverer::CleanUp()
 {
-    if (StandingAt(fresh) != Standing::Nothing) {
+    if (StandingAt(fresh) != Standing::Nothing && !isForeign) {
         if (!mayRemove)
             return QString();
         const QString problem = DurableFiles::RemoveTree(fresh);
