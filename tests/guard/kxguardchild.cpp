@@ -206,6 +206,7 @@ int Install(QStringList arguments)
     updater::IUpdater* updater = updater::CreateUpdater(&manager, QCoreApplication::instance());
     updater->SetLocalPackagePath(arguments.value(0));
     updater->SetDownloadPath(arguments.value(1));
+    updater->SetPackageName(QStringLiteral("demo"));
     const auto listen = [&] {
         QObject::connect(updater, &updater::IUpdater::stateChanged, [&](const QString& state) {
             if (state == dieAt)

@@ -68,7 +68,9 @@ bool InstallAndDie(const GuardSite& site, const QStringList& options)
 {
     GuardChild child(QStringList{"install"} + options +
                      QStringList{site.App(), site.Next(), site.XmlFile()});
-    child.Finish();
+    const QString output = child.Finish();
+    if (output.contains(QLatin1String("guard ")))
+        qWarning("%s", qPrintable(output));
     return child.WasKilled();
 }
 
@@ -354,7 +356,7 @@ void TestRecover::KilledAtAnyStepItEndsWhole_data()
     QTest::newRow("removal of an earlier backup") << "BACKUPREMOVING" << false << 10;
     QTest::newRow("copy") << "MOVING" << false << 10;
     QTest::newRow("removal of the old version") << "BACKUPCLEARING" << false << 2;
-    QTest::newRow("copy that fails") << "MOVING" << true << 4;
+    QTest::newRow("copy that fails") << "MOVING" << true << 2;
 }
 
 void TestRecover::KilledAtAnyStepItEndsWhole()
@@ -377,6 +379,9 @@ void TestRecover::KilledAtAnyStepItEndsWhole()
         const Recovery recovery = Recover(site->App());
         const QByteArray told = QByteArray::number(step) + ": " + Told(recovery);
         QVERIFY2(recovery.IsWhole(), told);
+        // Nothing is left to do when the journal is gone, and the lock is nobody's.
+        if (recovery.state == RecoveryState::Whole)
+            kxtest::Remove(site->LockFile());
         // A backup from before whose removal was cut off is nobody's any more, or still its own.
         const bool isUntouched =
             Snapshot(site->App()) == site->OldTree() && Exists(site->Backup()) &&
@@ -424,6 +429,8 @@ void TestRecover::KilledRecoveryIsTakenUpAgain()
         }
         const Recovery recovery = Recover(site->App());
         QVERIFY2(recovery.IsWhole(), Told(recovery));
+        if (recovery.state == RecoveryState::Whole)
+            kxtest::Remove(site->LockFile());
         QVERIFY2(endsNew ? site->IsNew() : site->IsOld(), site->Report());
     }
 }
@@ -552,6 +559,8 @@ void TestRecover::DamagedJournalLeadsToNoRemoval()
                 QCOMPARE(::chown(qPrintable(site->Journal()), 65534, 65534), 0);
         }
         const Recovery recovery = Recover(site->App());
+        if (kind == "huge")
+            kxtest::Remove(site->Journal()); // a snapshot would read it
         if (isMissing && recovery.state == RecoveryState::Restored)
             Move(site->App(), site->Backup());
         QStringList trees = Trees();
@@ -845,9 +854,11 @@ void TestRecover::ClosedParentIsNoProblemWhenThereIsNothingToDo()
 {
     kxtest::SetMode(site->Root(), 0555);
     const QStringList before = Snapshot(site->Root());
-    const kxtest::DroppedRights dropped;
-    const Recovery recovery = Recover(site->App());
-    QVERIFY2(recovery.state == RecoveryState::Whole, Told(recovery));
+    {
+        const kxtest::DroppedRights dropped;
+        const Recovery recovery = Recover(site->App());
+        QVERIFY2(recovery.state == RecoveryState::Whole, Told(recovery));
+    }
     QCOMPARE(Snapshot(site->Root()), before);
 }
 
@@ -874,8 +885,8 @@ void TestRecover::ClosedParentLosesNothing()
         const Recovery recovery = Recover(site->App());
         QVERIFY2(recovery.state == RecoveryState::Failed, Told(recovery));
         QVERIFY2(recovery.text.contains(site->Root()), Told(recovery));
-        QCOMPARE(Trees(), before);
     }
+    QCOMPARE(Trees(), before);
     kxtest::SetMode(site->Root(), 0755);
     QVERIFY(Recover(site->App()).IsWhole());
     QVERIFY2(site->IsOld() || site->IsNew(), site->Report());
