@@ -155,6 +155,11 @@ void TstKxupdateConfig::BadFilesNameTheirLine_data()
     row("no certificates file", "ca-file = ca.pem\n", "ca.pem' cannot be read");
     row("file without certificates", "ca-file = hello.conf\n",
         "hello.conf' holds no certificate in PEM form");
+    row("no key file", "key = none.pub\n", "hello.conf:8: key: ");
+    row("second file without a key", "key = hello.pub\nkey = hello.conf\n", "hello.conf:9: key: ");
+    row("switch that is neither", "allow-downgrade = maybe\n",
+        "hello.conf:8: allow-downgrade 'maybe' is neither 'yes' nor 'no'");
+    row("switch in capitals", "refuse-running = YES\n", "hello.conf:8: refuse-running 'YES'");
     row("directory of certificates", "ca-file = .\n", "is not a regular file");
 }
 
@@ -164,6 +169,9 @@ void TstKxupdateConfig::BadFilesNameTheirLine()
     QFETCH(QString, message);
     UpdateSite site;
     site.WriteConfig(v1, lines);
+    kxtest::Write(site.Path(QStringLiteral("hello.pub")),
+                  "untrusted comment: minisign public key 9B5F194193150FE1\n"
+                  "RWThDxWTQRlfm9mCWOGqrxFoVUccnp7Ikcx49YljPd8CA1S4hYBOEnYP\n");
     KxupdateProcess process;
     QVERIFY2(process.Run(site.Configured(QStringLiteral("update"))), process.Report());
     QVERIFY2(process.Status() == 2, process.Report());
@@ -335,7 +343,8 @@ void TstKxupdateConfig::VersionThatIsNoValueIsNotWritten()
 {
     UpdateSite site;
     site.Install(v1);
-    site.WriteConfig(v1);
+    // A text that is no version counts as an early one.
+    site.WriteConfig(v1, "allow-downgrade = yes\n");
     const QByteArray before = kxtest::Read(site.Config());
     const QString evil = QStringLiteral("2.0\nproxy = http:");
     kxtest::PublishTree(site.Path(QStringLiteral("server")), QStringLiteral("hello"), evil,

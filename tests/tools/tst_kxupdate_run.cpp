@@ -113,7 +113,7 @@ void TstKxupdateRun::ProgramFindsNoLock()
     process.Start(site.Command(QStringLiteral("update"), v1, {QStringLiteral("--run")}));
     QTRY_VERIFY_WITH_TIMEOUT(kxtest::Exists(Trace(site)), 60000);
     QVERIFY(kxtest::Exists(site.Marker() + QStringLiteral(".lock")));
-    QVERIFY(!kxtest::Exists(site.Path(QStringLiteral(".app.kxupdate.lock"))));
+    QVERIFY(!kxtest::Exists(site.Path(QStringLiteral(".app.kxlock"))));
     process.Signal(SIGCONT);
     QVERIFY2(process.Wait(), process.Report());
     QVERIFY2(process.Status() == 0, process.Report());

@@ -113,7 +113,8 @@ void TstKxupdateStatus::StatusOfAnInterruptedSwap()
     QVERIFY2(process.Status() == 0, process.Report());
     QCOMPARE(process.Data(QStringLiteral("application-state")), QStringLiteral("interrupted"));
     QCOMPARE(process.Data(QStringLiteral("backup")), QStringLiteral("present"));
-    QVERIFY2(process.Errors().contains(QStringLiteral("rename it to '%1'").arg(site.App())),
+    QVERIFY2(process.Errors().contains(
+                 QStringLiteral("'kxupdate recover' renames it to '%1'").arg(site.App())),
              process.Report());
     QVERIFY(kxtest::Exists(site.Backup()));
 }

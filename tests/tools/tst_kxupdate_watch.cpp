@@ -57,7 +57,7 @@ void TstKxupdateWatch::UpdateFollowsTheServer()
     UpdateSite site;
     site.Publish(v2);
     site.Install(v1);
-    site.WriteConfig(v1);
+    site.WriteConfig(v1, "allow-downgrade = yes\n");
     KxupdateProcess process;
     process.Start(site.Configured(QStringLiteral("update"), Watching()));
     QVERIFY2(process.AwaitOutput(Result("updated")), process.Report());

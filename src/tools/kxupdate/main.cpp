@@ -52,8 +52,11 @@ QString LogPathViolation(const Options& options)
                 .arg(options.logFile, directory);
     }
     const DownloadDirectory download(options.download);
-    for (const QString& file : {options.xml, options.config, download.MarkerPath(),
-                                download.RecordPath(), download.LockPath()}) {
+    QStringList ownFiles = {options.xml, options.config, download.MarkerPath(),
+                            download.RecordPath(), download.LockPath()};
+    if (!application.Path().isEmpty())
+        ownFiles.append(application.LockPath());
+    for (const QString& file : ownFiles + options.keyFiles) {
         if (!file.isEmpty() && resolved == ResolvedPath(file))
             return QStringLiteral("--log-file '%1' is a file of another purpose.")
                 .arg(options.logFile);

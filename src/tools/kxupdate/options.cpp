@@ -34,6 +34,7 @@ const NeedRow needRows[] = {
     {"update", Command::Update, Url | Package | Current | Application | Download},
     {"repair", Command::Repair, Url | Package | Current | Application | Download},
     {"verify", Command::Verify, 0},
+    {"recover", Command::Recover, Application},
     {"status", Command::Status, Application},
 };
 
@@ -84,12 +85,28 @@ public:
     /** Paths of the command line are meant from here, those of a file from its directory. */
     QString Path(const char* option, const char* key) const
     {
-        const QString path = Value(option, key);
+        return Absolute(option, Value(option, key));
+    }
+    /** The same for a setting that may be given more than once. */
+    QStringList Paths(const char* option, const char* key) const
+    {
+        QStringList paths;
+        for (const QString& path : line.IsSet(option) ? line.Values(option) : config.Values(key))
+            paths.append(Absolute(option, path));
+        return paths;
+    }
+    QString WhereOf(const char* option, const char* key, qsizetype index) const
+    {
+        return line.IsSet(option) ? Where(option, key) : config.Where(key, index);
+    }
+
+private:
+    QString Absolute(const char* option, const QString& path) const
+    {
         const QDir base = line.IsSet(option) ? QDir::current() : QDir(config.Directory());
         return path.isEmpty() ? path : QDir::cleanPath(base.absoluteFilePath(path));
     }
 
-private:
     const tools::CommandLine& line;
     const ConfigFile& config;
 };
@@ -164,6 +181,37 @@ QString ReadNumber(const Sources& sources, const char* name, int least, int most
     return QString();
 }
 
+// A switch of the command line, which is a key with "yes" or "no" in the configuration.
+QString ReadSwitch(const tools::CommandLine& line, const ConfigFile& config, const char* name,
+                   bool& isOn)
+{
+    const QString text = config.Value(name);
+    isOn = line.IsSet(name) || text == QLatin1String("yes");
+    if (text.isEmpty() || text == QLatin1String("yes") || text == QLatin1String("no"))
+        return QString();
+    return QStringLiteral("%1 '%2' is neither 'yes' nor 'no'").arg(config.Where(name), text);
+}
+
+QString ReadKeys(const Sources& sources, Options& options)
+{
+    options.keyFiles = sources.Paths("key", "key");
+    for (qsizetype i = 0; i < options.keyFiles.size(); ++i) {
+        const QString& file = options.keyFiles.at(i);
+        if (file.isEmpty())
+            return QStringLiteral("--key is empty");
+        guard::PublicKey key;
+        const guard::Problem problem = guard::PublicKey::Load(file, &key);
+        if (problem) {
+            QString text = problem.text;
+            if (text.endsWith(u'.'))
+                text.chop(1); // more follows in the same line
+            return QStringLiteral("%1: %2").arg(sources.WhereOf("key", "key", i), text);
+        }
+        options.keys.append(key);
+    }
+    return QString();
+}
+
 QString NetworkProblem(const Sources& sources, const Options& options)
 {
     QNetworkProxy proxy;
@@ -228,6 +276,14 @@ QString ReadOptions(const tools::CommandLine& line, Options& options)
         problem = ReadNumber(sources, "timeout", 1, 3600, options.timeout);
     if (problem.isEmpty())
         problem = ReadNumber(sources, "interval", 1, 2592000, options.interval);
+    if (problem.isEmpty())
+        problem = ReadNumber(sources, "wait", 0, 86400, options.wait);
+    if (problem.isEmpty())
+        problem = ReadKeys(sources, options);
+    if (problem.isEmpty())
+        problem = ReadSwitch(line, config, "allow-downgrade", options.allowDowngrade);
+    if (problem.isEmpty())
+        problem = ReadSwitch(line, config, "refuse-running", options.refuseRunning);
     if (!problem.isEmpty())
         return problem;
 

@@ -2,7 +2,11 @@
 
 #include "common/programspec.h"
 
+#include <kxguard/publickey.h>
+
+#include <QList>
 #include <QString>
+#include <QStringList>
 
 namespace tools {
 class CommandLine;
@@ -11,7 +15,7 @@ class CommandLine;
 /** What the command line asks for. Paths are absolute and clean, the URL has no "/" at its end. */
 struct Options
 {
-    enum class Command { Check, Download, Install, Update, Repair, Verify, Status };
+    enum class Command { Check, Download, Install, Update, Repair, Verify, Recover, Status };
 
     Command command = Command::Check;
     QString url;
@@ -26,12 +30,17 @@ struct Options
     QString logFile;                //!< where library messages are appended; empty: stderr
     QString proxy;                  //!< URL of a proxy, "none", or empty for the system's settings
     QString caFile;                 //!< PEM file of certificates to trust besides the system's
-    int timeout = 0;    //!< seconds without any data before a transfer fails; 0: the library's own
-    int interval = 0;   //!< seconds between two checks of a watch; 0: the library's own
-    bool watch = false; //!< stays and checks again and again
-    bool run = false;   //!< starts the new executable after a successful swap
-    bool json = false;  //!< one JSON object a line instead of data and messages
-    bool quiet = false; //!< no states and no progress
+    int timeout = 0;  //!< seconds without any data before a transfer fails; 0: the library's own
+    int interval = 0; //!< seconds between two checks of a watch; 0: the library's own
+    int wait = 0;     //!< seconds to wait for another process before a recovery
+    QStringList keyFiles;         //!< where `keys` come from
+    QList<guard::PublicKey> keys; //!< one must have signed what is installed; empty: none need
+    bool allowDowngrade = false;  //!< an earlier version than the installed one may be installed
+    bool refuseRunning = false;   //!< not while a program of the application runs
+    bool watch = false;           //!< stays and checks again and again
+    bool run = false;             //!< starts the new executable after a successful swap
+    bool json = false;            //!< one JSON object a line instead of data and messages
+    bool quiet = false;           //!< no states and no progress
 };
 
 /** The command line of the tool: one row a command. */

@@ -27,9 +27,9 @@ QList<OptionSpec> Settings()
          OptionSpec::Optional, Completion::File},
         {"config", "FILE",
          "Settings as 'key = value' lines; the command line wins over them. Keys: url, package, "
-         "version (for --current), app, download, xml, proxy, ca-file, timeout, interval. Relative "
-         "paths are meant from the file's directory. The version is written back after an install, "
-         "update or repair.",
+         "version (for --current), app, download, xml, proxy, ca-file, timeout, interval, key (one "
+         "line each), allow-downgrade, refuse-running (yes or no). Relative paths are meant from "
+         "the file's directory. The version is written back after an install, update or repair.",
          OptionSpec::Optional, Completion::File},
         {"proxy", "URL",
          "http:// or socks5:// with host and port, perhaps with a login, or none; the system's "
@@ -42,6 +42,15 @@ QList<OptionSpec> Settings()
         {"interval", "SECONDS",
          "With --watch: seconds between the end of a round and the next check, 1 to 2592000, of "
          "which at most 2147483 are waited; as long if not given."},
+        {"key", "FILE",
+         "A public key in minisign's format; may be given more than once. With a key nothing is "
+         "downloaded or installed that one of them has not signed.",
+         OptionSpec::Repeatable, Completion::File},
+        {"allow-downgrade", nullptr,
+         "Take a version that is earlier than the installed one; without it such a version is "
+         "refused."},
+        {"refuse-running", nullptr,
+         "Do not replace an application while another process runs a program of it."},
     };
 }
 
@@ -98,7 +107,18 @@ QList<CommandSpec> Commands()
         {"verify", "compare --download (or --app) with the package that --xml describes",
          "Compares the download directory, or the application directory, with the package that "
          "--xml describes, and names what differs. With --config it is the application, unless "
-         "--download is given."},
+         "--download is given. With --key both must be signed."},
+        {"recover",
+         "put an application in order whose install was killed",
+         "Brings the application directory back to a whole state after a swap that was killed or "
+         "cut off by a power cut: the old version comes back if it had been moved aside, and what "
+         "a finished swap has left is removed. 'install', 'update' and 'repair' do the same before "
+         "they begin. The datum 'recovery' tells what was found: whole, restored, finished, "
+         "cleaned, absent, busy or failed. Needs --app.",
+         {},
+         {{"wait", "SECONDS",
+           "How long to wait for another process that works on the application, 0 to 86400; 0 if "
+           "not given."}}},
         {"status", "tell what is there, without the network",
          "Tells what the configuration says, whether the application and a backup are there, who "
          "holds the locks, what the download directory holds, verified against the description "

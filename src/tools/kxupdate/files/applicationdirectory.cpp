@@ -2,8 +2,8 @@
 
 #include "paths.h"
 
-#include <kxcommon/filecommands.h>
 #include <kxguard/diskspace.h>
+#include <kxguard/filelock.h>
 
 #include <QDir>
 #include <QDirIterator>
@@ -29,8 +29,7 @@ QString ApplicationDirectory::BackupPath() const
 
 QString ApplicationDirectory::LockPath() const
 {
-    const QFileInfo info(path);
-    return info.absolutePath() + QStringLiteral("/.%1.kxupdate.lock").arg(info.fileName());
+    return guard::ApplicationLockPath(path);
 }
 
 bool ApplicationDirectory::Exists() const
@@ -79,16 +78,6 @@ bool ApplicationDirectory::NeedsRestore() const
 {
     const QFileInfo backup(BackupPath());
     return !StandsAt(path) && backup.isDir() && !backup.isSymLink();
-}
-
-QString ApplicationDirectory::Restore() const
-{
-    QDir directory(path);
-    if (common::FileCommands::RenameDirectory(directory, BackupPath(), path))
-        return QString();
-    return QStringLiteral("The application directory is missing, and its backup '%1' cannot be "
-                          "renamed back to '%2'.")
-        .arg(BackupPath(), path);
 }
 
 quint64 ApplicationDirectory::LeftoverSize() const

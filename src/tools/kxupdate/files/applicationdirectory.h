@@ -18,7 +18,7 @@ public:
     const QString& Path() const { return path; }
     /** Where a swap keeps the old version. */
     QString BackupPath() const;
-    /** The lock of who replaces it. */
+    /** The lock of who replaces it, in every program. */
     QString LockPath() const;
     bool Exists() const;
     bool BackupExists() const;
@@ -30,8 +30,6 @@ public:
 
     /** True when an earlier swap was cut off between its two steps: only the backup is there. */
     bool NeedsRestore() const;
-    /** Renames the backup back into place. */
-    QString Restore() const;
 
     /** Bytes beside the application that a swap removes first: what an earlier one left. */
     quint64 LeftoverSize() const;

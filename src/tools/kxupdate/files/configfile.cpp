@@ -12,6 +12,8 @@ namespace {
 
 constexpr qint64 mostBytes = 1024 * 1024;
 const QByteArray byteOrderMark("\xef\xbb\xbf");
+// A publisher who changes keys has two for a while.
+const QString repeatable = QStringLiteral("key");
 
 bool IsBlank(char c)
 {
@@ -36,22 +38,52 @@ QString Quoted(const QString& text)
 
 QStringList ConfigFile::Keys()
 {
-    return {QStringLiteral("url"),     QStringLiteral("package"),  QStringLiteral("version"),
-            QStringLiteral("app"),     QStringLiteral("download"), QStringLiteral("xml"),
-            QStringLiteral("proxy"),   QStringLiteral("ca-file"),  QStringLiteral("timeout"),
-            QStringLiteral("interval")};
+    return {QStringLiteral("url"),
+            QStringLiteral("package"),
+            QStringLiteral("version"),
+            QStringLiteral("app"),
+            QStringLiteral("download"),
+            QStringLiteral("xml"),
+            QStringLiteral("proxy"),
+            QStringLiteral("ca-file"),
+            QStringLiteral("timeout"),
+            QStringLiteral("interval"),
+            repeatable,
+            QStringLiteral("allow-downgrade"),
+            QStringLiteral("refuse-running")};
+}
+
+ConfigFile::Entry ConfigFile::First(const char* key) const
+{
+    return entries.value(QLatin1String(key)).value(0);
+}
+
+qsizetype ConfigFile::LineCount() const
+{
+    qsizetype count = 0;
+    for (const QList<Entry>& lines : entries)
+        count += lines.size();
+    return count;
 }
 
 QString ConfigFile::Value(const char* key) const
 {
-    return entries.value(QLatin1String(key)).value;
+    return First(key).value;
 }
 
-QString ConfigFile::Where(const char* key) const
+QStringList ConfigFile::Values(const char* key) const
+{
+    QStringList values;
+    for (const Entry& entry : entries.value(QLatin1String(key)))
+        values.append(entry.value);
+    return values;
+}
+
+QString ConfigFile::Where(const char* key, qsizetype index) const
 {
     return QStringLiteral("%1:%2: %3")
         .arg(path)
-        .arg(entries.value(QLatin1String(key)).line)
+        .arg(entries.value(QLatin1String(key)).value(index).line)
         .arg(QLatin1String(key));
 }
 
@@ -123,10 +155,10 @@ QString ConfigFile::ParseLine(const QByteArray& line, int number, qsizetype begi
     if (!Keys().contains(key))
         return QStringLiteral("unknown key %1; known are %2")
             .arg(Quoted(key), Keys().join(QStringLiteral(", ")));
-    if (entries.contains(key))
+    if (entries.contains(key) && key != repeatable)
         return QStringLiteral("%1 stands in line %2 already")
             .arg(Quoted(key))
-            .arg(entries.value(key).line);
+            .arg(entries.value(key).constFirst().line);
 
     qsizetype first = equals + 1;
     qsizetype last = line.size();
@@ -140,7 +172,7 @@ QString ConfigFile::ParseLine(const QByteArray& line, int number, qsizetype begi
         return QStringLiteral("%1 has no value").arg(Quoted(key));
     if (HasControlCharacter(entry.value))
         return QStringLiteral("the value of %1 holds a control character").arg(Quoted(key));
-    entries.insert(key, entry);
+    entries[key].append(entry);
     return QString();
 }
 
@@ -180,7 +212,7 @@ QString ConfigFile::SetVersion(const QString& path, const QString& version)
         return QString();
 
     if (before.Has("version")) {
-        const Entry entry = before.entries.value(QStringLiteral("version"));
+        const Entry entry = before.First("version");
         bytes.replace(entry.begin, entry.size, version.toUtf8());
     } else {
         const QByteArray end = bytes.contains("\r\n") ? "\r\n" : "\n";
@@ -192,7 +224,7 @@ QString ConfigFile::SetVersion(const QString& path, const QString& version)
     ConfigFile after;
     after.path = path;
     if (!after.Parse(bytes).isEmpty() || after.Value("version") != version ||
-        after.entries.size() != before.entries.size() + (before.Has("version") ? 0 : 1))
+        after.LineCount() != before.LineCount() + (before.Has("version") ? 0 : 1))
         return problem(QStringLiteral("it cannot stand in such a file"));
 
     QSaveFile file(path);

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QHash>
+#include <QList>
 #include <QString>
 #include <QStringList>
 
@@ -9,7 +10,8 @@
  * A file of settings: one "key = value" a line, in UTF-8. A line that begins with '#' or ';' is a
  * comment. The value is the rest of the line without the blanks around it, letter for letter: there
  * are no quotes, escapes, sections or continued lines, so that a path or a password means what it
- * says. What is not understood is an error that names file, line and key.
+ * says. One key, "key", may be given more than once. What is not understood is an error that names
+ * file, line and key.
  * All answers of problems are empty for success.
  */
 class ConfigFile
@@ -21,8 +23,10 @@ public:
     bool Has(const char* key) const { return entries.contains(QLatin1String(key)); }
     /** Value of `key`; empty when the file does not have it, and never otherwise. */
     QString Value(const char* key) const;
-    /** "FILE:LINE: key", to begin a message with. */
-    QString Where(const char* key) const;
+    /** All values of a key that may be given more than once, in their order. */
+    QStringList Values(const char* key) const;
+    /** "FILE:LINE: key", to begin a message with; of its value number `index`. */
+    QString Where(const char* key, qsizetype index = 0) const;
     /** Directory of the file; relative paths in it are meant from there. */
     QString Directory() const;
 
@@ -51,7 +55,9 @@ private:
     QString Read(const QString& path, QByteArray& bytes) const;
     QString Parse(const QByteArray& bytes);
     QString ParseLine(const QByteArray& line, int number, qsizetype begin);
+    Entry First(const char* key) const;
+    qsizetype LineCount() const;
 
     QString path;
-    QHash<QString, Entry> entries;
+    QHash<QString, QList<Entry>> entries;
 };

@@ -31,12 +31,3 @@ bool Commit(QSaveFile& file, const QByteArray& bytes)
     }
     return (file.flush() || file.flush()) && file.commit();
 }
-
-QString Sample(const QStringList& names)
-{
-    constexpr qsizetype shown = 5;
-    QString text = names.mid(0, shown).join(QStringLiteral(", "));
-    if (names.size() > shown)
-        text += QStringLiteral(" and %1 more").arg(names.size() - shown);
-    return text;
-}

@@ -3,11 +3,9 @@
 #include "common/paths.h"
 
 #include <QString>
-#include <QStringList>
 
 class QSaveFile;
 
-using tools::FileProblem;
 using tools::IsInside;
 using tools::ResolvedPath;
 
@@ -29,6 +27,3 @@ QString OwnFileProblem(const QString& file);
  * write-out of its buffer at the commit went.
  */
 bool Commit(QSaveFile& file, const QByteArray& bytes);
-
-/** Up to five of `names`, and how many more there are; for a message. */
-QString Sample(const QStringList& names);

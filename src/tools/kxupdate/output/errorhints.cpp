@@ -1,6 +1,7 @@
 #include "errorhints.h"
 
 #include <kxcommon/errors.h>
+#include <kxguard/errors.h>
 #include <kxupdater/errors.h>
 
 #include <QUrl>
@@ -37,6 +38,10 @@ const char* const badName = "The server's manifest has a file name that is not a
 const char* const inUse = "Does another program use the application directory? Close it, check the "
                           "rights of the parent directory, and run the command again.";
 const char* const again = "Run the command again.";
+const char* const downloadAgain = "Run 'kxupdate download' or 'kxupdate update' again.";
+const char* const notThePublishers = "Nothing of it is used. Tell the publisher: either the server "
+                                     "does not hold what was signed, or "
+                                     "somebody else has put it there.";
 
 const Row rows[] = {
     {updater::VersionRequestMissing, memory},
@@ -115,6 +120,38 @@ const Row rows[] = {
     {common::RemoveForbidden, "Is --app right? Its backup would be a directory that is never "
                               "removed."},
     {common::RemoveStart, memory},
+    {guard::InstallBusy, "Wait until the other process has ended."},
+    {guard::InstallLock, rights},
+    {guard::InstallRecovery, "Put right what the text says, and run 'kxupdate recover'."},
+    {guard::InstallParent, "A swap renames the application inside that directory. Run this as a "
+                           "user who may write there."},
+    {guard::InstallNoSpace, noSpace},
+    {guard::InstallRunning, "Close the program and run the command again."},
+    {guard::InstallDowngrade, "--allow-downgrade, or 'allow-downgrade = yes' in the configuration, "
+                              "takes it all the same."},
+    {guard::InstallJournal, rights},
+    {guard::InstallApplication, "Is --app right? It is replaced whole."},
+    {guard::PackageEmpty, downloadAgain},
+    {guard::PackageUndescribed, downloadAgain},
+    {guard::PackageDiffers, downloadAgain},
+    {guard::PackageUnreadable, disk},
+    {guard::PackageExposed, "Let nobody else write to the --download directory and to those above "
+                            "it, and run the command again."},
+    {guard::PackageChanged, "Somebody else writes to the --download directory. Find out who, and "
+                            "run the command again."},
+    {guard::SignatureMissing, "--key is given, so only what its owner has signed is used. Tell the "
+                              "publisher that the signature is missing."},
+    {guard::SignatureMalformed, notThePublishers},
+    {guard::SignatureUnknownKey, "Has the publisher changed keys? Get the new public key from a "
+                                 "place that you trust, and name it with --key."},
+    {guard::SignatureWrong, notThePublishers},
+    {guard::SignaturePackage, "Is --package right? If it is: the server offers something that was "
+                              "signed for another purpose. Tell the publisher."},
+    {guard::SignatureVersion, "The server offers a version under the name of another. Tell the "
+                              "publisher."},
+    {guard::SumsMalformed, notThePublishers},
+    {guard::SumsDiffer, notThePublishers},
+    {guard::KeyMalformed, "Is it a public key as minisign writes it?"},
 };
 
 bool HasStatus(const QString& text, std::initializer_list<int> statuses)

@@ -4,6 +4,8 @@
 #include "files/configfile.h"
 #include "files/packagefile.h"
 #include "files/paths.h"
+#include "output/errorhints.h"
+#include "refusal.h"
 
 #include <kxguard/diskspace.h>
 #include <kxupdater/transferprogress.h>
@@ -12,8 +14,6 @@
 #include <QFileInfo>
 
 namespace {
-
-constexpr int longestLockWriteMs = 10000;
 
 QString Shown(const QUrl& url)
 {
@@ -31,6 +31,7 @@ Session::Session(const Options& options, tools::Console& console, UpdaterHost& h
       download(options.download),
       host(host),
       updater(host.updater.get()),
+      installGuard(host.updater.get()),
       diagnosis(host.manager, QUrl(options.url)),
       transfer(std::make_unique<updater::TransferProgress>(host.updater.get())),
       record(options.download.isEmpty() ? QString() : download.RecordPath())
@@ -41,6 +42,10 @@ Session::Session(const Options& options, tools::Console& console, UpdaterHost& h
     updater->SetDownloadPath(options.download);
     if (!options.url.isEmpty())
         updater->SetURL(options.url);
+    installGuard.SetKeys(options.keys);
+    installGuard.SetDowngradeAllowed(options.allowDowngrade);
+    installGuard.SetRunningProgramRefused(options.refuseRunning);
+    // After the guard, which mends at each end of an install what is to be reported here.
     ConnectUpdater();
 }
 
@@ -75,26 +80,42 @@ void Session::Start()
                  &Session::FindDamage, &Session::ReportCheck};
         break;
     case Options::Command::Download:
-        steps = {&Session::CheckDirectories, &Session::TakeLocks,       &Session::AwaitReady,
-                 &Session::CheckServer,      &Session::PrepareDownload, &Session::Download,
-                 &Session::KeepPackage,      &Session::Conclude};
+        steps = {
+            &Session::CheckDirectories, &Session::TakeLocks,           &Session::AwaitReady,
+            &Session::CheckServer,      &Session::RequireLaterVersion, &Session::PrepareDownload,
+            &Session::Download,         &Session::KeepPackage,         &Session::Conclude};
         break;
     case Options::Command::Install:
-        steps = {&Session::CheckDirectories, &Session::TakeLocks,  &Session::RestoreBackup,
-                 &Session::LoadPackage,      &Session::AwaitReady, &Session::CheckAssembly,
-                 &Session::VerifyTree,       &Session::Install,    &Session::Conclude};
+        steps = {&Session::CheckDirectories, &Session::TakeLocks,  &Session::MendApplication,
+                 &Session::LoadPackage,      &Session::AwaitReady, &Session::Install,
+                 &Session::Conclude};
         break;
     case Options::Command::Update:
     case Options::Command::Repair:
-        steps = {&Session::CheckDirectories, &Session::TakeLocks,     &Session::RestoreBackup,
-                 &Session::AwaitReady,       &Session::CheckServer,   &Session::RequireSameVersion,
-                 &Session::FindDamage,       &Session::CheckAttempts, &Session::PrepareDownload,
-                 &Session::CountAttempt,     &Session::Download,      &Session::KeepPackage,
-                 &Session::Restart,          &Session::CheckAssembly, &Session::VerifyTree,
-                 &Session::Install,          &Session::Conclude};
+        steps = {&Session::CheckDirectories,
+                 &Session::TakeLocks,
+                 &Session::MendApplication,
+                 &Session::AwaitReady,
+                 &Session::CheckServer,
+                 &Session::RequireSameVersion,
+                 &Session::RequireLaterVersion,
+                 &Session::FindDamage,
+                 &Session::CheckAttempts,
+                 &Session::PrepareDownload,
+                 &Session::CountAttempt,
+                 &Session::Download,
+                 &Session::KeepPackage,
+                 &Session::Restart,
+                 &Session::Install,
+                 &Session::Conclude};
         break;
     case Options::Command::Verify:
-        steps = {&Session::LoadPackage, &Session::VerifyTree, &Session::Conclude};
+        steps = {&Session::LoadPackage, &Session::VerifyTree, &Session::VerifySignature,
+                 &Session::Conclude};
+        break;
+    case Options::Command::Recover:
+        recoveryDeadline.setRemainingTime(qint64(options.wait) * 1000);
+        steps = {&Session::Recover};
         break;
     case Options::Command::Status:
         steps = {&Session::ReportStatus};
@@ -168,6 +189,12 @@ void Session::Refuse(const QString& reason)
     Fail(reason, ExitStatus::Refused);
 }
 
+void Session::Refuse(const guard::Problem& problem)
+{
+    console.Failure(problem.code, problem.text, ErrorHint(problem.code, problem.text));
+    Finish(RefusalStatus(problem.code));
+}
+
 void Session::Fail(const QString& reason, ExitStatus status)
 {
     console.Error(reason);
@@ -227,64 +254,6 @@ QString Session::FilePlaceViolation() const
                 .arg(written);
     }
     return QString();
-}
-
-bool Session::Lock(std::unique_ptr<QLockFile>& lock, const QString& file, const QString& subject,
-                   bool mandatory)
-{
-    const QString problem = OwnFileProblem(file);
-    if (!problem.isEmpty()) {
-        Refuse(QStringLiteral("The lock file ") + problem);
-        return false;
-    }
-    lock = std::make_unique<QLockFile>(file);
-    qint64 process = 0;
-    QString host;
-    QString program;
-    // An update may take hours; a dead owner is noticed by its id. A file without one is left from
-    // a power cut, or written this very moment.
-    const bool hasOwner = lock->getLockInfo(&process, &host, &program);
-    lock->setStaleLockTime(hasOwner ? 0 : longestLockWriteMs);
-    if (lock->tryLock() || (lock->error() != QLockFile::LockFailedError && !mandatory))
-        return true;
-    if (lock->error() != QLockFile::LockFailedError) {
-        Refuse(QStringLiteral("Cannot make the lock file '%1': %2.").arg(file, FileProblem(file)));
-        return false;
-    }
-    lock->getLockInfo(&process, &host, &program);
-    Refuse(QStringLiteral("Another kxupdate (process %1) is working on '%2'.")
-               .arg(process)
-               .arg(subject));
-    return false;
-}
-
-void Session::TakeLocks()
-{
-    if (Swaps() && !Lock(applicationLock, application.LockPath(), application.Path(), true))
-        return;
-
-    if (Assembles())
-        QDir().mkpath(QFileInfo(download.Path()).absolutePath());
-    if (!Lock(downloadLock, download.LockPath(), download.Path(), Assembles()))
-        return;
-    record = RunRecord(download.RecordPath());
-    // Who asks for it may have another try.
-    if (!options.watch)
-        record.ClearAttempts();
-    Next();
-}
-
-void Session::RestoreBackup()
-{
-    if (application.NeedsRestore()) {
-        const QString problem = application.Restore();
-        if (!problem.isEmpty())
-            return Fail(problem, ExitStatus::Broken);
-        console.Message(QStringLiteral("An earlier swap was cut off: '%1' was renamed back to "
-                                       "'%2'.")
-                            .arg(application.BackupPath(), application.Path()));
-    }
-    Next();
 }
 
 void Session::AwaitReady()
@@ -382,30 +351,10 @@ void Session::LoadPackage()
         return Refuse(
             QStringLiteral("'%1' describes no files of a package '%2'.").arg(options.xml, name));
     updater->SetPackageName(name);
+    const guard::Problem untrusted = SignatureProblem(xml, packagefile::Version(xml));
+    if (untrusted)
+        return Refuse(untrusted);
     packageXml = xml;
-    Next();
-}
-
-void Session::CheckAssembly()
-{
-    const QString again = QStringLiteral(" Run 'kxupdate download' again.");
-    if (download.IsEmpty())
-        return Refuse(QStringLiteral("The download directory '%1' is missing or empty.")
-                          .arg(download.Path()) +
-                      again);
-    // The scans of the library leave hidden names out, but a swap would bring them along.
-    const QStringList hidden = download.HiddenEntries();
-    if (!hidden.isEmpty())
-        return Refuse(QStringLiteral("The download directory '%1' holds hidden entries that no "
-                                     "package lists: %2.")
-                          .arg(download.Path(), Sample(hidden)) +
-                      again);
-    guard::SpaceDemand demand;
-    demand.application = application.Path();
-    demand.freedBesideApplication = application.LeftoverSize();
-    const QString space = guard::SpaceProblem(manifest, demand);
-    if (!space.isEmpty())
-        return Refuse(space);
     Next();
 }
 
@@ -421,6 +370,9 @@ void Session::Install()
 {
     hadApplication = application.Exists();
     console.Dropped(application.Unlisted(manifest));
+    installGuard.SetPackageXML(packageXml);
+    if (options.command == Options::Command::Install)
+        installGuard.SetVersion(packagefile::Version(packageXml));
     awaited = Awaited::Install;
     updater->Install();
 }
@@ -438,6 +390,7 @@ void Session::Conclude()
     case Options::Command::Install:
     case Options::Command::Update:
     case Options::Command::Repair:
+    case Options::Command::Recover:
     case Options::Command::Status:
         break;
     }

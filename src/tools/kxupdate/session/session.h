@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/console.h"
 #include "exitstatus.h"
 #include "files/applicationdirectory.h"
 #include "files/downloaddirectory.h"
@@ -8,18 +9,18 @@
 #include "runrecord.h"
 #include "updaterhost.h"
 
+#include <kxguard/filelock.h>
+#include <kxguard/installguard.h>
+#include <kxguard/recover.h>
 #include <kxupdater/filescanner.h>
 #include <kxupdater/iupdater.h>
 
+#include <QDeadlineTimer>
 #include <QList>
-#include <QLockFile>
 #include <QObject>
 
 #include <memory>
 
-namespace tools {
-class Console;
-}
 namespace updater {
 class TransferProgress;
 }
@@ -107,16 +108,18 @@ private:
     void Next();
     void Finish(ExitStatus status, const QString& word = QString());
     void Refuse(const QString& reason);
+    void Refuse(const guard::Problem& problem);
     void Fail(const QString& reason, ExitStatus status = ExitStatus::Failed);
 
     // Steps
     void CheckDirectories();
     void TakeLocks();
-    void RestoreBackup();
+    void MendApplication();
     void AwaitReady();
     void CheckServer();
     void ReportCheck();
     void RequireSameVersion();
+    void RequireLaterVersion();
     void FindDamage();
     void CheckAttempts();
     void PrepareDownload();
@@ -125,14 +128,19 @@ private:
     void KeepPackage();
     void Restart();
     void LoadPackage();
-    void CheckAssembly();
     void VerifyTree();
+    void VerifySignature();
     void Install();
     void Conclude();
     void ReportStatus();
+    void Recover();
 
-    bool Lock(std::unique_ptr<QLockFile>& lock, const QString& file, const QString& subject,
-              bool mandatory);
+    bool TakesApplicationLock() const;
+    bool LockApplication();
+    bool LockDownload();
+    bool IsOwnLockFile(const QString& file);
+    guard::Problem SignatureProblem(const QString& xml, const QString& version) const;
+    bool IsDowngrade() const;
     QString FilePlaceViolation() const;
     void AnnounceCheck();
     void Scan(const QString& directory, const char* finishedSlot);
@@ -147,7 +155,10 @@ private:
     void ReportVersions(const QString& verdict);
     void ShowProgress();
     void ReportDifferences();
+    QList<tools::Difference> HiddenDifferences() const;
+    void ConcludeRefusal(int code);
     void ConcludeFailedSwap();
+    void FinishRecovery(const guard::Recovery& recovery);
 
     const Options options;
     tools::Console& console;
@@ -156,12 +167,13 @@ private:
 
     UpdaterHost& host;
     updater::IUpdater* const updater; // the host's
+    guard::InstallGuard installGuard; // before the session hears of it, each end is mended
     NetworkDiagnosis diagnosis;
     std::unique_ptr<updater::TransferProgress> transfer;
     RunRecord record;
     std::unique_ptr<updater::FileScanner> scanner;
-    std::unique_ptr<QLockFile> applicationLock;
-    std::unique_ptr<QLockFile> downloadLock;
+    std::unique_ptr<guard::FileLock> downloadLock;
+    QDeadlineTimer recoveryDeadline;
 
     QList<Step> steps;
     Awaited awaited = Awaited::Nothing;

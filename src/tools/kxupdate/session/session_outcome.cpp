@@ -56,6 +56,9 @@ bool Session::FailurePasses() const
     case common::DownloadProxy:
     case common::DownloadTls:
     case common::DownloadBusy:
+    case guard::InstallBusy:
+    case guard::InstallNoSpace:
+    case guard::InstallRunning:
         return true;
     case common::DownloadStatus: {
         static const QRegularExpression passing(QStringLiteral("status (408|429|5\\d\\d)\\b"));
@@ -69,7 +72,7 @@ bool Session::FailurePasses() const
 void Session::RecordOutcome(ExitStatus status, const QString& word)
 {
     // Only who holds the directory writes beside it.
-    if (!downloadLock || !downloadLock->isLocked())
+    if (!downloadLock || !downloadLock->IsHeld())
         return;
     const bool upToDate = status == ExitStatus::Done && !swapBegan && Swaps();
     // A success clears it only when the next check agrees: what is offered again after each update
@@ -118,7 +121,7 @@ void Session::RunProgram()
     if (!options.run)
         return;
     // The program may want to check for updates itself.
-    applicationLock.reset();
+    installGuard.Unlock();
     const QString name = packagefile::Executable(
         options.package.isEmpty() ? packagefile::PackageName(packageXml) : options.package,
         packageXml);

@@ -4,10 +4,10 @@
 #include "files/packagefile.h"
 #include "files/paths.h"
 #include "output/errorhints.h"
+#include "refusal.h"
 #include "statenames.h"
 #include "treereport.h"
 
-#include <kxcommon/version.h>
 #include <kxupdater/errors.h>
 #include <kxupdater/transferprogress.h>
 
@@ -87,6 +87,11 @@ void Session::OnActual()
 {
     if (awaited != Awaited::Check)
         return;
+    // Also when there is nothing to do: the version goes into the configuration.
+    const guard::Problem untrusted =
+        SignatureProblem(updater->PackageXML(), updater->ServerVersion());
+    if (untrusted)
+        return Refuse(untrusted);
     // The check finds nothing to do as well when the server lists nothing at all.
     manifest = packagefile::Files(options.package, updater->PackageXML());
     if (manifest.isEmpty())
@@ -116,14 +121,17 @@ void Session::OnAvailable()
 {
     if (awaited != Awaited::Check)
         return;
-    manifest = packagefile::Files(options.package, updater->PackageXML());
     const QString version = updater->ServerVersion();
+    const guard::Problem untrusted = SignatureProblem(updater->PackageXML(), version);
+    if (untrusted)
+        return Refuse(untrusted);
+    manifest = packagefile::Files(options.package, updater->PackageXML());
     ReportVersions(ResultWord(repair ? ExitStatus::RepairNeeded : ExitStatus::UpdateAvailable));
     if (repair)
         console.Message(QStringLiteral("Version %1 is installed, but some of its files are "
                                        "damaged, missing or not its own.")
                             .arg(version));
-    else if (common::Version(options.current) > common::Version(version))
+    else if (IsDowngrade())
         console.Message(QStringLiteral("The server has version %1, which is earlier than the "
                                        "installed %2.")
                             .arg(version, options.current));
@@ -176,8 +184,10 @@ void Session::OnError(int code, const QString& text)
     // The end of the other transfers says nothing beside the error, or the wish, that ended them.
     if (code == updater::DownloadAborted && (canceling || !errors.isEmpty()))
         return;
-    errors.append({code, text, stateName});
-    console.Failure(code, text, ErrorHint(code, text, diagnosis.Finding()));
+    // The updater has one text for all that its callback, the guard, refuses.
+    const QString reason = code == installGuard.LastErrorCode() ? installGuard.LastError() : text;
+    errors.append({code, reason, stateName});
+    console.Failure(code, reason, ErrorHint(code, reason, diagnosis.Finding()));
 }
 
 void Session::OnStateChanged(const QString& name)
@@ -240,35 +250,34 @@ void Session::OnFailed()
         console.Message(QStringLiteral("The application is untouched."));
         return Finish(IsServerError(first.code) ? ExitStatus::ServerFailed : ExitStatus::Failed);
     case Awaited::Install:
-        return ConcludeFailedSwap();
+        return IsRefusal(first.code) ? ConcludeRefusal(first.code) : ConcludeFailedSwap();
     default:
         return Finish(ExitStatus::Failed);
     }
 }
 
+void Session::ConcludeRefusal(int code)
+{
+    if (code == guard::PackageDiffers)
+        return ReportDifferences();
+    console.Message(QStringLiteral("The application is untouched."));
+    Finish(RefusalStatus(code));
+}
+
 void Session::ConcludeFailedSwap()
 {
-    if (errors.value(errors.size() - 1).code == updater::UpdateReverted)
-        return Fail(
-            QStringLiteral("The old version is back in '%1', as it was.").arg(application.Path()),
-            ExitStatus::RolledBack);
-
-    const QString state = errors.value(0).state;
-    const bool moved = state == QLatin1String("MOVING");
-    if (!moved)
+    // The updater leaves the old version beside its place when it cannot put it back, and the guard
+    // has tried once more by now.
+    const guard::Recovery recovery = installGuard.Recover();
+    if (!hadApplication && recovery.state == guard::RecoveryState::Absent)
+        return Fail(QStringLiteral("There was no application before; nothing is installed."));
+    if (!recovery.IsWhole())
+        return Fail(recovery.text, ExitStatus::Broken);
+    if (errors.value(0).state != QLatin1String("MOVING"))
         return Fail(
             QStringLiteral("The application in '%1' is untouched.").arg(application.Path()));
-    if (!hadApplication)
-        return Fail(QStringLiteral("There was no application before; nothing is installed."));
-    if (application.Exists())
-        return Fail(QStringLiteral("'%1' holds an unfinished new version. The old one is whole in "
-                                   "'%2': remove the first and rename the second to it.")
-                        .arg(application.Path(), application.BackupPath()),
-                    ExitStatus::Broken);
-    Fail(QStringLiteral("The application is whole, but in '%1'. Rename it to '%2', or run "
-                        "'kxupdate install' or 'kxupdate update' again, which does that first.")
-             .arg(application.BackupPath(), application.Path()),
-         ExitStatus::Broken);
+    Fail(QStringLiteral("The old version is back in '%1', as it was.").arg(application.Path()),
+         ExitStatus::RolledBack);
 }
 
 void Session::OnVerified(bool result)
@@ -279,17 +288,19 @@ void Session::OnVerified(bool result)
         return ReportDifferences();
 
     // A verification leaves hidden names out, but they would be installed with the rest.
-    const bool checksDownload =
-        options.command == Options::Command::Verify && !options.download.isEmpty();
-    const QStringList hidden = checksDownload ? download.HiddenEntries() : QStringList();
-    if (hidden.isEmpty())
-        return Next();
+    if (!HiddenDifferences().isEmpty())
+        return ReportDifferences();
+    Next();
+}
+
+QList<tools::Difference> Session::HiddenDifferences() const
+{
     QList<tools::Difference> differences;
-    for (const QString& name : hidden)
+    if (tree != download.Path())
+        return differences;
+    for (const QString& name : download.HiddenEntries())
         differences.append({QStringLiteral("unexpected"), name});
-    console.Differences(differences);
-    Fail(QStringLiteral("'%1' holds hidden entries that no package lists.").arg(tree),
-         ExitStatus::VerificationFailed);
+    return differences;
 }
 
 void Session::ReportDifferences()
@@ -307,7 +318,7 @@ void Session::OnScanned()
 {
     if (awaited != Awaited::Scan)
         return;
-    console.Differences(TreeDifferences(scanner->Files(), manifest));
+    console.Differences(TreeDifferences(scanner->Files(), manifest) + HiddenDifferences());
     QString text = QStringLiteral("'%1' is not what the package describes.").arg(tree);
     if (options.command != Options::Command::Verify)
         text += QStringLiteral(" The application is untouched.");

@@ -28,6 +28,10 @@ void Session::ReportStatus()
     data("url", QUrl(options.url).toDisplayString(QUrl::RemovePassword));
     data("package", options.package);
     data("installed", options.current);
+    QStringList keys;
+    for (const guard::PublicKey& key : options.keys)
+        keys.append(key.IdText());
+    data("keys", keys.join(u' '));
 
     data("application", application.Path());
     const QString violation = application.Violation();
@@ -40,8 +44,8 @@ void Session::ReportStatus()
     data("backup", Word(application.BackupExists(), "present", "none"));
     ReportLock(QStringLiteral("application-lock"), application.LockPath());
     if (application.NeedsRestore())
-        console.Message(QStringLiteral("A swap was cut off. '%1' is the whole old version: rename "
-                                       "it to '%2', or run 'kxupdate update', which does.")
+        console.Message(QStringLiteral("A swap was cut off. '%1' is the whole old version: "
+                                       "'kxupdate recover' renames it to '%2'.")
                             .arg(application.BackupPath(), application.Path()));
     else if (application.BackupExists())
         console.Message(QStringLiteral("'%1' is left from a swap that was cut off. The next one "
@@ -58,25 +62,6 @@ void Session::ReportStatus()
     if (record.Attempts() > 0)
         data("attempts", QString::number(record.Attempts()));
     ReportDownload();
-}
-
-void Session::ReportLock(const QString& name, const QString& file)
-{
-    const QString problem = OwnFileProblem(file);
-    if (!problem.isEmpty()) {
-        console.Message(QStringLiteral("The lock file ") + problem);
-        return console.Data(name, QStringLiteral("unusable"));
-    }
-    QLockFile lock(file);
-    lock.setStaleLockTime(0);
-    qint64 process = 0;
-    QString host;
-    QString program;
-    // Only a lock that is there is tried, which frees one whose owner is dead and makes none.
-    if (!lock.getLockInfo(&process, &host, &program) || lock.tryLock() ||
-        lock.error() != QLockFile::LockFailedError)
-        return console.Data(name, QStringLiteral("free"));
-    console.Data(name, QStringLiteral("process %1").arg(process));
 }
 
 void Session::ReportDownload()
@@ -115,9 +100,8 @@ void Session::OnDownloadScanned()
 {
     if (awaited != Awaited::Scan)
         return;
-    QList<tools::Difference> differences = TreeDifferences(scanner->Files(), manifest);
-    for (const QString& name : download.HiddenEntries())
-        differences.append({QStringLiteral("unexpected"), name});
+    const QList<tools::Difference> differences =
+        TreeDifferences(scanner->Files(), manifest) + HiddenDifferences();
     console.Data(QStringLiteral("download-state"),
                  Word(differences.isEmpty(), "complete", "unfinished"));
     console.Differences(differences);
