@@ -98,6 +98,8 @@ private Q_SLOTS:
     void LockThatIsALinkIsRefused();
     void JournalThatIsALinkIsNotWrittenThrough();
     void BackupThatIsALinkIsNotPutInPlace();
+    void RecoveryRemovesNothingThroughALink_data();
+    void RecoveryRemovesNothingThroughALink();
     void ChangedDescriptionIsRefusedBeforeTheDownload_data();
     void ChangedDescriptionIsRefusedBeforeTheDownload();
     void DescriptionMayNameAnotherMirror();
@@ -401,6 +403,33 @@ void TestAttacks::BackupThatIsALinkIsNotPutInPlace()
     QVERIFY2(!recovery.IsWhole(), qPrintable(recovery.text));
     QVERIFY(!kxtest::Exists(rig->App()));
     QVERIFY(kxtest::Exists(elsewhere + QStringLiteral("/bin/app")));
+}
+
+void TestAttacks::RecoveryRemovesNothingThroughALink_data()
+{
+    QTest::addColumn<QString>("link");
+    QTest::newRow("unfinished copy") << QStringLiteral(".app.kxnew");
+    QTest::newRow("backup") << QStringLiteral("app.old");
+    QTest::newRow("in the backup") << QStringLiteral("app.old/share");
+    QTest::newRow("journal on its way") << QStringLiteral(".app.kxjournal.kxtmp");
+}
+
+void TestAttacks::RecoveryRemovesNothingThroughALink()
+{
+    QFETCH(QString, link);
+    const QStringList before = Snapshot(rig->Outside());
+    const QStringList application = Snapshot(rig->App());
+    TreeBuilder(rig->Root())
+        .Dir(QStringLiteral("app.old"))
+        .Remove(link)
+        .Symlink(link, rig->Outside())
+        // Of an install that has ended but for its clearing up, as far as the journal goes.
+        .File(QStringLiteral(".app.kxjournal"), "kxjournal 1\napplication \nbackup \nend 0\n");
+    const guard::Recovery recovery = guard::Recover(rig->App());
+    QVERIFY2(recovery.state != guard::RecoveryState::Failed, qPrintable(recovery.text));
+    QVERIFY(recovery.state != guard::RecoveryState::Whole); // it has looked at the journal
+    QCOMPARE(Snapshot(rig->Outside()), before);
+    QCOMPARE(Snapshot(rig->App()), application);
 }
 
 QString TestAttacks::Manifest(const QString& version) const
