@@ -111,6 +111,8 @@ private Q_SLOTS:
     void ErrorTableListsExactlyTheCodesOfTheHeaders();
     void TextsOfTheErrorTableStandInTheSources();
     void WorkedExampleDescribesItsTree();
+    void TestsOfTheThreatTableExist();
+    void CodeOfTheThreatTableExists();
 };
 
 void TestDocs::QuotedCodeIsThatOfItsSource_data()
@@ -243,6 +245,57 @@ void TestDocs::WorkedExampleDescribesItsTree()
         QVERIFY2(scanned.contains(file), qPrintable(file.Name()));
         QCOMPARE(file.MD5(), file.MD5().toLower());
     }
+}
+
+void TestDocs::TestsOfTheThreatTableExist()
+{
+    // "`DIRECTORY/tst_NAME` `Function`", and further functions of the same file behind it.
+    const QRegularExpression named(
+        QStringLiteral("`(common|updater|guard|tools|examples|campaign[^`]*)/(tst_\\w+)`"
+                       "((?:\\s+`[A-Z]\\w+`)*)"));
+    const QRegularExpression function(QStringLiteral("`(\\w+)`"));
+    const QString text = ReadFile(QStringLiteral("docs/security.md"));
+    int functions = 0;
+    for (auto match = named.globalMatch(text); match.hasNext();) {
+        const QRegularExpressionMatch found = match.next();
+        const QString name =
+            QStringLiteral("tests/%1/%2.cpp").arg(found.captured(1), found.captured(2));
+        const QString source = ReadFile(name);
+        QVERIFY2(!source.isEmpty(), qPrintable(name));
+        QVERIFY2(!found.captured(3).isEmpty(), qPrintable(name + QStringLiteral(": no function")));
+        for (auto inner = function.globalMatch(found.captured(3)); inner.hasNext(); ++functions) {
+            const QString test = inner.next().captured(1);
+            QVERIFY2(source.contains(QStringLiteral("::%1()\n{").arg(test)),
+                     qPrintable(name + QStringLiteral(": ") + test));
+        }
+    }
+    QVERIFY(functions > 50);
+    // Every row of the table has a test.
+    const QRegularExpression row(QStringLiteral("^\\| .* \\|$"),
+                                 QRegularExpression::MultilineOption);
+    const QString table = text.section(QStringLiteral("## Attacks, and what stops them"), 1)
+                              .section(QStringLiteral("\n## "), 0, 0);
+    int rows = 0;
+    for (auto match = row.globalMatch(table); match.hasNext(); ++rows) {
+        const QString line = match.next().captured(0);
+        QVERIFY2(rows == 0 || named.match(line.section(QLatin1Char('|'), 4, 4)).hasMatch(),
+                 qPrintable(line));
+    }
+    QVERIFY(rows > 25);
+}
+
+void TestDocs::CodeOfTheThreatTableExists()
+{
+    const QRegularExpression named(QStringLiteral("`(kxcommon|kxupdater|kxguard)/(\\w+)`"));
+    const QString text = ReadFile(QStringLiteral("docs/security.md"));
+    int files = 0;
+    for (auto match = named.globalMatch(text); match.hasNext(); ++files) {
+        const QRegularExpressionMatch found = match.next();
+        const QString name =
+            QStringLiteral("src/libs/%1/src/%2.cpp").arg(found.captured(1), found.captured(2));
+        QVERIFY2(QFile::exists(root + QLatin1Char('/') + name), qPrintable(name));
+    }
+    QVERIFY(files > 25);
 }
 
 QTEST_GUILESS_MAIN(TestDocs)
