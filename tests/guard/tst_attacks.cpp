@@ -95,6 +95,7 @@ private Q_SLOTS:
     void DownloadThatOthersMayWriteIsRefused();
     void ChangeAfterTheCheckIsRefused();
     void SecondUpdaterIsRefused();
+    void LockIsNotForOtherUsers();
     void LockThatIsALinkIsRefused();
     void JournalThatIsALinkIsNotWrittenThrough();
     void BackupThatIsALinkIsNotPutInPlace();
@@ -368,6 +369,17 @@ void TestAttacks::SecondUpdaterIsRefused()
     ExpectRefusal(guard::InstallBusy);
     other.Release();
     QVERIFY2(rig->Install(), qPrintable(installGuard->LastError()));
+}
+
+void TestAttacks::LockIsNotForOtherUsers()
+{
+    // A lock needs no more than a file that can be read, and this one outlives a killed updater.
+    const mode_t before = umask(0);
+    guard::FileLock lock(guard::ApplicationLockPath(rig->App()));
+    const guard::FileLock::Result result = lock.Take();
+    umask(before);
+    QCOMPARE(result, guard::FileLock::Result::Taken);
+    QCOMPARE(kxtest::Mode(lock.Path()), 0600);
 }
 
 void TestAttacks::LockThatIsALinkIsRefused()

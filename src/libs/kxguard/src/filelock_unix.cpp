@@ -21,7 +21,8 @@ int Open(const char* path, int flags)
 {
     int file = -1;
     do {
-        file = ::open(path, flags | openFlags, 0644);
+        // Whoever may read a file may lock it, and so keep every updater away.
+        file = ::open(path, flags | openFlags, 0600);
     } while (file < 0 && errno == EINTR);
     return file;
 }
