@@ -63,10 +63,17 @@ QString LineOf(const SignedRecord& record)
     return fields.join(QLatin1Char('\t')) + QLatin1Char('\n');
 }
 
+// A part alone is a damaged signature rather than none.
+bool IsSigned(const PackageXml& read)
+{
+    return !read.signature.isEmpty() || !read.trustedComment.isEmpty() ||
+           !read.commentSignature.isEmpty();
+}
+
 Problem CheckSignature(const PackageXml& read, const PackageIdentity& wanted,
                        const QList<PublicKey>& keys)
 {
-    if (read.signature.isEmpty() && read.commentSignature.isEmpty())
+    if (!IsSigned(read))
         return {SignatureMissing, QStringLiteral("it is not signed")};
     Signature signature;
     Problem problem = Signature::ParseParts(read.signature.toUtf8(), read.trustedComment.toUtf8(),
@@ -145,9 +152,7 @@ Problem CheckPackageXml(const QString& xml, const PackageIdentity& wanted,
 bool CarriesSignature(const QString& name, const QString& xml)
 {
     PackageXml read;
-    return !xml.isEmpty() && ReadPackageXml(xml, name, &read) && read.hasBuild &&
-           !(read.signature.isEmpty() && read.trustedComment.isEmpty() &&
-             read.commentSignature.isEmpty());
+    return ReadPackageXml(xml, name, &read) && IsSigned(read);
 }
 
 } // namespace guard

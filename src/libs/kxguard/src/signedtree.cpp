@@ -190,24 +190,19 @@ Problem ReadSigned(const TreeDirectory& root, const QString& rootPath, const QSt
                    quint64 limit, int tooLargeCode, QByteArray* bytes)
 {
     EntryKind kind = EntryKind::Missing;
-    QString problem = root.KindOf(name, &kind);
-    if (!problem.isEmpty())
-        return Refused(PackageUnreadable, PathIn(rootPath, name), problem);
-    if (kind == EntryKind::Missing)
+    quint64 size = 0;
+    QString problem = root.Look(name, &kind, &size);
+    if (problem.isEmpty() && kind == EntryKind::Missing)
         return Refused(SignatureMissing, rootPath,
                        QStringLiteral("it is not signed, there is no '%1'").arg(name));
-    if (kind != EntryKind::File)
+    if (problem.isEmpty() && kind != EntryKind::File)
         return Refused(SignatureMissing, PathIn(rootPath, name),
                        QStringLiteral("it is not a regular file, so nothing is signed"));
-    bool isTooLarge = false;
-    problem = root.Read(name, std::numeric_limits<quint64>::max(), [&](QByteArrayView block) {
-        isTooLarge = isTooLarge || static_cast<quint64>(bytes->size() + block.size()) > limit;
-        if (!isTooLarge)
-            bytes->append(block);
-    });
-    if (isTooLarge)
+    if (size > limit)
         return Refused(tooLargeCode, PathIn(rootPath, name),
                        QStringLiteral("it is larger than %1 bytes").arg(limit));
+    if (problem.isEmpty())
+        problem = root.Read(name, limit, [bytes](QByteArrayView block) { bytes->append(block); });
     return problem.isEmpty() ? Problem()
                              : Refused(PackageUnreadable, PathIn(rootPath, name), problem);
 }

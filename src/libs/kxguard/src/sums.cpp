@@ -83,6 +83,8 @@ QString SignatureName()
 
 QByteArray Sums::Text() const
 {
+    if (!Violation().isEmpty())
+        return {};
     QByteArray text;
     for (auto file = files.cbegin(); file != files.cend(); ++file)
         text += file.value() + "  " + file.key().toUtf8() + '\n';

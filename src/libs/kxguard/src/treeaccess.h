@@ -38,7 +38,8 @@ public:
 
     /** Entries in the order of the system. */
     QString List(QList<TreeEntry>* entries) const;
-    QString KindOf(const QString& name, EntryKind* kind) const;
+    /** What stands at `name`, which may be nothing; `size` in bytes, of a regular file. */
+    QString Look(const QString& name, EntryKind* kind, quint64* size) const;
     /** `isText` is set to false when the target has no form as text. */
     QString ReadLink(const QString& name, QString* target, bool* isText) const;
 

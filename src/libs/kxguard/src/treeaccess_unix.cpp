@@ -149,13 +149,14 @@ QString TreeDirectory::List(QList<TreeEntry>* entries) const
     }
 }
 
-QString TreeDirectory::KindOf(const QString& name, EntryKind* kind) const
+QString TreeDirectory::Look(const QString& name, EntryKind* kind, quint64* size) const
 {
     struct stat status = {};
     const int number = handle->Attributes(name.toUtf8(), &status);
     if (number != 0 && number != ENOENT)
         return Reason(number);
     *kind = number == 0 ? KindOfMode(status.st_mode) : EntryKind::Missing;
+    *size = *kind == EntryKind::File ? static_cast<quint64>(status.st_size) : 0;
     return {};
 }
 

@@ -162,14 +162,19 @@ QString TreeDirectory::List(QList<TreeEntry>* entries) const
     return number == ERROR_NO_MORE_FILES ? QString() : qt_error_string(static_cast<int>(number));
 }
 
-QString TreeDirectory::KindOf(const QString& name, EntryKind* kind) const
+QString TreeDirectory::Look(const QString& name, EntryKind* kind, quint64* size) const
 {
     const fs::path path = handle->path / ToNative(name);
-    const DWORD attributes = GetFileAttributesW(Long(path).c_str());
-    const DWORD number = attributes == INVALID_FILE_ATTRIBUTES ? GetLastError() : 0;
+    WIN32_FILE_ATTRIBUTE_DATA found = {};
+    const DWORD number = GetFileAttributesExW(Long(path).c_str(), GetFileExInfoStandard, &found)
+                             ? 0
+                             : GetLastError();
     if (number != 0 && number != ERROR_FILE_NOT_FOUND)
         return qt_error_string(static_cast<int>(number));
-    *kind = number == 0 ? KindOfAttributes(path, attributes) : EntryKind::Missing;
+    *kind = number == 0 ? KindOfAttributes(path, found.dwFileAttributes) : EntryKind::Missing;
+    *size = *kind == EntryKind::File
+                ? (static_cast<quint64>(found.nFileSizeHigh) << 32) | found.nFileSizeLow
+                : 0;
     return {};
 }
 

@@ -25,7 +25,7 @@ public:
     QMap<QString, QByteArray> files; //!< SHA-256 as 64 lower-case hexadecimal digits, by name
     QMap<QString, QString> links;    //!< targets as they stand, by name
 
-    /** The list as it is signed, for entries without a Violation(). */
+    /** The list as it is signed; empty for entries that have a Violation(). */
     QByteArray Text() const;
     /** Why there can be no list of these entries, empty when there can: a name, a digest or a
      *  target that cannot stand in one, a name that is both a file and a link, a name below a file
