@@ -46,29 +46,13 @@ bool HasKindAndSize(const QString& path, const InventoryEntry& entry, const upda
     return entry.kind == InventoryEntry::File && entry.size == record.Size();
 }
 
-// The directories that hold the entries, and the root.
-QStringList Directories(const QList<InventoryEntry>& inventory)
-{
-    QStringList directories{QString()};
-    QString last;
-    for (const InventoryEntry& entry : inventory) {
-        for (qsizetype end = entry.name.lastIndexOf(u'/'); end > 0;
-             end = entry.name.lastIndexOf(u'/', end - 1)) {
-            const QString directory = entry.name.left(end);
-            if (last == directory || last.startsWith(directory + QLatin1Char('/')))
-                break;
-            directories << directory;
-        }
-        last = entry.name.left(qMax<qsizetype>(0, entry.name.lastIndexOf(u'/')));
-    }
-    return directories;
-}
-
-Problem CheckExposure(const QString& root, const QList<InventoryEntry>& inventory,
+// In all directories: a file in one that is empty now would be copied with the others.
+Problem CheckExposure(const QString& root, const QStringList& directories,
+                      const QList<InventoryEntry>& inventory,
                       const QHash<QString, updater::File>& records)
 {
     QString text = ParentExposure(root);
-    for (const QString& directory : Directories(inventory)) {
+    for (const QString& directory : directories) {
         if (text.isEmpty())
             text = Exposure(directory.isEmpty() ? root : PathOf(root, directory));
     }
@@ -115,7 +99,8 @@ Problem CheckPackage(const QString& root, const updater::FileList& manifest,
                      QList<InventoryEntry>* inventory)
 {
     QString unreadable;
-    if (!TakeInventory(root, inventory, &unreadable))
+    QStringList directories;
+    if (!TakeInventory(root, inventory, &unreadable, &directories))
         return {PackageUnreadable,
                 QStringLiteral("The directory '%1' cannot be listed.").arg(unreadable)};
     if (inventory->isEmpty())
@@ -130,7 +115,7 @@ Problem CheckPackage(const QString& root, const updater::FileList& manifest,
     QHash<QString, updater::File> records;
     for (const updater::File& record : manifest)
         records.insert(record.Name(), record);
-    if (const Problem exposed = CheckExposure(root, *inventory, records))
+    if (const Problem exposed = CheckExposure(root, directories, *inventory, records))
         return exposed;
 
     QHash<QString, updater::File> missing = records;

@@ -34,7 +34,8 @@ InventoryEntry Entry(const fs::directory_entry& found, const QString& name)
 
 } // namespace
 
-bool TakeInventory(const QString& root, QList<InventoryEntry>* entries, QString* unreadable)
+bool TakeInventory(const QString& root, QList<InventoryEntry>* entries, QString* unreadable,
+                   QStringList* directories)
 {
     entries->clear();
     std::error_code error;
@@ -50,6 +51,8 @@ bool TakeInventory(const QString& root, QList<InventoryEntry>* entries, QString*
     QList<Level> open{{top, QString()}};
     while (!open.isEmpty()) {
         const Level level = open.takeLast();
+        if (directories)
+            directories->append(level.name.chopped(level.name.isEmpty() ? 0 : 1));
         fs::directory_iterator walk(level.path, error);
         for (; !error && walk != fs::directory_iterator(); walk.increment(error)) {
             const QString name = level.name + FromNative(walk->path().filename());

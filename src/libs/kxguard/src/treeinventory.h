@@ -2,6 +2,7 @@
 
 #include <QList>
 #include <QString>
+#include <QStringList>
 
 namespace guard {
 
@@ -20,8 +21,10 @@ struct InventoryEntry
 /**
  * The files, links and special files of the tree at `root`, hidden ones included, sorted by name;
  * no link is followed, nothing is opened. A root that is no directory has no entries. False when a
- * directory could not be listed; `unreadable` is its path then.
+ * directory could not be listed; `unreadable` is its path then. `directories`, where wanted, are
+ * the names of all directories, empty ones too, with an empty name for the root.
  */
-bool TakeInventory(const QString& root, QList<InventoryEntry>* entries, QString* unreadable);
+bool TakeInventory(const QString& root, QList<InventoryEntry>* entries, QString* unreadable,
+                   QStringList* directories = nullptr);
 
 } // namespace guard
