@@ -52,7 +52,7 @@ depends libkxguard0 "libkxupdater0 (= $version)" "libc6 *" "libgcc-s1 *" "libstd
     "libqt6core6 (>= 6.4*)" "libqt6xml6 *" "libsodium23 *"
 depends libkxupdater-dev "libkxupdater0 (= $version)" "libkxguard0 (= $version)" "qt6-base-dev (>= 6.4)"
 depends kxupdater-tools "libkxupdater0 (= $version)" "libkxguard0 (= $version)" "libc6 *" "libgcc-s1 *" \
-    "libstdc++6 *" "libqt6core6 (>= 6.4*)" "libqt6network6 *"
+    "libstdc++6 *" "libqt6core6 (>= 6.4*)" "libqt6network6 *" "libsodium23 *"
 [ -z "$(field kxupdater-doc Depends)" ] || fail "kxupdater-doc depends on $(field kxupdater-doc Depends)"
 [ "$(field kxupdater-doc Architecture)" = all ] || fail "kxupdater-doc is not for all architectures"
 
