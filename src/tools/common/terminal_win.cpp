@@ -1,6 +1,7 @@
 #include "terminal.h"
 
 #include <cstring>
+#include <initializer_list>
 #include <windows.h>
 
 namespace tools {

@@ -48,6 +48,8 @@ ExitStatus AddCommand::Run()
     CheckPlaces();
     CheckNotes();
     CheckSigning();
+    if (IsInterrupted())
+        return GiveUp();
     TreeContents contents;
     if (QFileInfo(settings.tree).isDir()) {
         contents = CheckTree();

@@ -39,13 +39,15 @@ QString ReadSecretFile(const QString& path, qsizetype most, SecretBytes* bytes, 
 bool WriteSecretFile(const QString& path, const SecretBytes& bytes, QString& error)
 {
     QFile file;
-    file.setFileName(path);
     QString reason;
     if (!OpenNewSecretFile(file, path, reason)) {
         error = QStringLiteral("cannot write %1: %2").arg(Shown(path), reason);
         return false;
     }
     bool written = WriteAll(file, QByteArrayView(bytes.Text(), bytes.Size()), error);
+    // A file that was opened by its number has no name to tell.
+    if (!written)
+        error = QStringLiteral("cannot write %1: %2").arg(Shown(path), file.errorString());
     file.close();
     written = written && Sync(path, error) && Sync(QFileInfo(path).path(), error);
     if (!written)

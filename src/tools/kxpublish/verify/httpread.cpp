@@ -89,8 +89,10 @@ bool HttpRead::Take()
         Finish(TooMuch(most));
         return false;
     }
-    hash.addData(QByteArrayView(data.constData(), data.size()));
-    sha256.Add(QByteArrayView(data.constData(), data.size()));
+    const QByteArrayView bytes(data.constData(), data.size());
+    hash.addData(bytes);
+    if (makesSha256)
+        sha256.Add(bytes);
     if (keepBody)
         body += data;
     return true;
@@ -113,7 +115,8 @@ void HttpRead::OnEnded()
                    .arg(fetch.ContentLength()));
         return;
     }
-    sha256Digest = sha256.Hex();
+    if (makesSha256)
+        sha256Digest = sha256.Hex();
     Finish({});
 }
 

@@ -32,6 +32,8 @@ public:
     };
     /** Reads all of a body of `most` bytes at most; done() follows. */
     void Start(const QUrl& url, quint64 most, Body body);
+    /** Whether bodies get a SHA-256 digest as well; they do not at first. */
+    void MakeSha256(bool wanted) { makesSha256 = wanted; }
     /** Asks for the first byte only, and looks whether the server sends just that. */
     void StartRange(const QUrl& url);
     void Abort();
@@ -40,7 +42,7 @@ public:
     const QString& Problem() const { return problem; }
     quint64 Size() const { return size; }
     QString Digest() const { return QString::fromLatin1(hash.result().toHex()); }
-    /** SHA-256 in hexadecimal digits. */
+    /** SHA-256 in hexadecimal digits, where it is made. */
     const QByteArray& Sha256Digest() const { return sha256Digest; }
     const QByteArray& Bytes() const { return body; }
     /** Headers of the reply; empty when there is none of that name. */
@@ -72,6 +74,7 @@ private:
     QString problem;
     quint64 most = 0;
     quint64 size = 0;
+    bool makesSha256 = false;
     bool keepBody = false;
     bool onlyHead = false;
     bool hasRanges = false;

@@ -66,6 +66,7 @@ VerifySite::VerifySite(const VerifySettings& settings, VerifyResult* result)
             managers.push_back(std::make_unique<QNetworkAccessManager>());
         Transfer& transfer = transfers[i];
         transfer.read = std::make_unique<HttpRead>(managers.back().get(), nullptr);
+        transfer.read->MakeSha256(!settings.keys.isEmpty());
         connect(transfer.read.get(), &HttpRead::done, this,
                 [this, &transfer] { OnDone(transfer); });
     }
