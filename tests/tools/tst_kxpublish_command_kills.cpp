@@ -1,3 +1,4 @@
+#include "minisignkeys.h"
 #include "publishsite.h"
 
 #include <QProcess>
@@ -49,6 +50,7 @@ private Q_SLOTS:
     void Promote();
     void Rollback();
     void RollbackAs();
+    void RollbackAsSigned();
     void RollbackAsWithoutHardLinks();
 
 private:
@@ -153,6 +155,27 @@ void TestKxpublishCommandKills::RollbackAs()
 {
     KillEverywhere({S("rollback"), site->Server(), S("--as"), S("4")}, S("2"), S("4"),
                    [this] { return site->Offered() == S("4") && site->History().isEmpty(); });
+}
+
+void TestKxpublishCommandKills::RollbackAsSigned()
+{
+    const kxtest::SecretKeyParts key(1);
+    store->File(S("key"), key.Text(), 0600).File(S("pub"), key.PublicText());
+    const QString tree = site->Tree().Root();
+    // The version to go back to, signed, in the place of the one that is not.
+    kxtest::Remove(site->Server());
+    for (const char* version : {"1", "2"}) {
+        QStringList words = kxtest::AddArguments(tree, site->Server());
+        words << S("--sign") << store->Path(S("key"));
+        QCOMPARE(kxtest::RunPublish(kxtest::With(words, S("--version"), S(version))).status, 0);
+        site->Promote(S(version));
+    }
+    kxtest::Remove(store->Path(S("srv")));
+    QCOMPARE(QProcess::execute(S("cp"), {S("-a"), site->Server(), store->Path(S("srv"))}), 0);
+    KillEverywhere(
+        {S("rollback"), site->Server(), S("--as"), S("4"), S("--sign"), store->Path(S("key"))},
+        S("2"), S("4"), [this] { return site->Offered() == S("4") && site->History().isEmpty(); });
+    QCOMPARE(site->Run(S("verify"), {S("--key"), store->Path(S("pub"))}).status, 0);
 }
 
 void TestKxpublishCommandKills::RollbackAsWithoutHardLinks()

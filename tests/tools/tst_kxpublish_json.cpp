@@ -1,5 +1,6 @@
 // What --json prints: one object with the same frame, for each command and each outcome.
 
+#include "minisignkeys.h"
 #include "publishsite.h"
 
 #include <QJsonArray>
@@ -74,6 +75,17 @@ void TestKxpublishJson::EveryOutcomeIsOneObject_data()
     row("add, refused", "add --name n/ --version 9 --exec app --base-url x --out SITE TREE", 1,
         "refused", {});
     row("add, usage", "add TREE", 2, "usage", {});
+    row("add, signed",
+        "add --name n --version 9 --exec app --base-url http://u.example --out SITE "
+        "--sign KEY TREE",
+        0, "done", {"index", "keyId"});
+    row("keygen", "keygen --no-passphrase --secret NEW --public NEW.pub", 0, "done",
+        {"secret", "public", "keyId", "key"});
+    row("keygen, refused", "keygen --no-passphrase --secret KEY --public NEW.pub", 1, "refused",
+        {});
+    row("sign", "sign TREE --key KEY --name n --version 9", 0, "done",
+        {"sums", "signature", "files", "links", "bytes", "keyId"});
+    row("sign, refused", "sign TREE --key TREE --name n --version 9", 1, "refused", {});
     row("promote", "promote --version 1 --out SITE", 0, "done", {"reply", "version"});
     row("promote, refused", "promote --version 7 --out SITE", 1, "refused", {});
     row("promote, failed", "promote --version 1 --out LOCKED", 3, "failed", {});
@@ -88,6 +100,7 @@ void TestKxpublishJson::EveryOutcomeIsOneObject_data()
     row("diff, refused", "diff SITE 1 8", 1, "refused", {});
     row("verify", "verify SITE", 0, "done", {"builds"});
     row("verify, damaged", "verify DAMAGED", 5, "damaged", {"builds"});
+    row("verify, not signed", "verify SITE --key PUB", 5, "damaged", {"builds"});
     row("verify, no server", "verify http://127.0.0.1:1 --name demo-app", 5, "damaged", {});
     row("prune", "prune SITE --keep 1", 0, "done", {});
     row("prune, number", "prune SITE --keep x", 2, "usage", {});
@@ -110,7 +123,12 @@ void TestKxpublishJson::EveryOutcomeIsOneObject()
         QVERIFY(QFile::remove(site.BuildPath(S("2"), S("files/app"))));
     // A directory in the place of the lock file lets no run have it.
     locked.File(S("packages/.kxpublish.lock/x"), "x");
+    const kxtest::SecretKeyParts key(1);
+    locked.File(S("key"), key.Text(), 0600).File(S("pub"), key.PublicText());
     words.replaceInStrings(S("DAMAGED"), site.Server())
+        .replaceInStrings(S("NEW"), locked.Path(S("new")))
+        .replaceInStrings(S("KEY"), locked.Path(S("key")))
+        .replaceInStrings(S("PUB"), locked.Path(S("pub")))
         .replaceInStrings(S("SITE"), site.Server())
         .replaceInStrings(S("LOCKED"), locked.Root())
         .replaceInStrings(S("TREE"), site.Tree().Root());

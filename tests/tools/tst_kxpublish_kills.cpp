@@ -1,3 +1,4 @@
+#include "minisignkeys.h"
 #include "publishrun.h"
 #include "treebuilder.h"
 
@@ -136,14 +137,21 @@ void TestKxpublishKills::KilledAddShowsTheVersionBeforeAndNextRunFinishes_data()
 {
     QTest::addColumn<quint32>("seed");
     QTest::addColumn<bool>("manyFiles");
-    QTest::newRow("few files, each brought to the disk") << 1u << false;
-    QTest::newRow("many files, the volume brought to the disk") << 2u << true;
+    QTest::addColumn<bool>("isSigned");
+    QTest::newRow("few files, each brought to the disk") << 1u << false << false;
+    QTest::newRow("many files, the volume brought to the disk") << 2u << true << false;
+    QTest::newRow("signed") << 3u << false << true;
 }
 
 void TestKxpublishKills::KilledAddShowsTheVersionBeforeAndNextRunFinishes()
 {
     QFETCH(quint32, seed);
     QFETCH(bool, manyFiles);
+    QFETCH(bool, isSigned);
+    if (isSigned) {
+        workshop->File(S("key"), kxtest::SecretKeyParts(1).Text(), 0600);
+        arguments << S("--sign") << workshop->Path(S("key"));
+    }
     for (int i = 0; manyFiles && i < 300; ++i)
         tree->RandomFile(S("many/%1").arg(i), 10 + i, quint32(i));
     const int calls = CallsOf(With(arguments, S("--version"), S("0")));

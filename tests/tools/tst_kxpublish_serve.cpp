@@ -1,8 +1,11 @@
 #include "httpexchange.h"
 #include "kxupdateprocess.h"
+#include "minisignkeys.h"
 #include "publishrun.h"
 #include "treebuilder.h"
 
+#include <kxguard/signedmanifest.h>
+#include <kxguard/signedtree.h>
 #include <kxupdater/build.h>
 
 #include <QDir>
@@ -135,6 +138,7 @@ private Q_SLOTS:
     void KxupdateInstallsFromIt();
     void ManifestsGoOutWithTheLocalAddress_data();
     void ManifestsGoOutWithTheLocalAddress();
+    void SignaturesGoOutWhole();
     void SeveralAddressesAreReplaced();
     void AddressesOfOthersAreLeftAlone();
     void TheTreeItselfStaysAsItIs();
@@ -250,6 +254,41 @@ void TestKxpublishServe::ManifestsGoOutWithTheLocalAddress()
     const QString line = S("manifests go out with %1 in place of %2; --keep-urls leaves them")
                              .arg(serve.Url(), baseUrl);
     QVERIFY2(serve.Errors().contains(line) == option.isEmpty(), serve.Report());
+}
+
+// The address is not signed: a client takes the build from here as from the real server.
+void TestKxpublishServe::SignaturesGoOutWhole()
+{
+    const kxtest::SecretKeyParts key(1);
+    workshop->File(S("key"), key.Text(), 0600).File(S("pub"), key.PublicText());
+    tree->Symlink(S("lib/link"), S("../app"));
+    QStringList words = kxtest::AddArguments(tree->Root(), server);
+    words = kxtest::With(words, S("--platform"), updater::Build::Platform());
+    words << S("--sign") << workshop->Path(S("key"));
+    QCOMPARE(kxtest::RunPublish(words).status, 0);
+    QCOMPARE(kxtest::RunPublish(kxtest::PromoteArguments(S("2.4.1"), server)).status, 0);
+    ServeRun serve;
+    QVERIFY2(serve.Start({server}), serve.Report());
+
+    guard::PublicKey publicKey;
+    QVERIFY(!guard::PublicKey::Load(workshop->Path(S("pub")), &publicKey));
+    const QString index = BuildPath(S("2.4.1")) + S("/index.xml");
+    const QByteArray served = Exchange(serve.Url() + index).body;
+    QVERIFY(served != kxtest::Read(server + index));
+    const guard::PackageIdentity identity = {S("demo-app"), S("2.4.1"), updater::Build::Platform()};
+    guard::Problem problem =
+        guard::CheckPackageXml(QString::fromUtf8(served), identity, {publicKey});
+    QVERIFY2(!problem, qPrintable(problem.text));
+
+    KxupdateProcess update;
+    const QString app = workshop->Path(S("app"));
+    QVERIFY2(update.Run({S("update"), S("--url"), serve.Url(), S("--package"), S("demo-app"),
+                         S("--current"), S("0"), S("--app"), app, S("--download"),
+                         workshop->Path(S("next"))}),
+             update.Report());
+    QVERIFY2(update.Status() == 0, update.Report());
+    problem = guard::CheckSignedTree(app, {publicKey}, nullptr);
+    QVERIFY2(!problem, qPrintable(problem.text));
 }
 
 void TestKxpublishServe::SeveralAddressesAreReplaced()
