@@ -1,6 +1,7 @@
 #include "journal.h"
 
 #include "exposure.h"
+#include "strictcodec.h"
 
 #include <kxcommon/durablefiles.h>
 
@@ -60,8 +61,7 @@ bool ParseEntry(const QByteArray& line, InventoryEntry* entry)
     } else {
         return false;
     }
-    entry->name = QString::fromUtf8(value);
-    return !value.isEmpty();
+    return !value.isEmpty() && DecodeUtf8(value, &entry->name);
 }
 
 } // namespace
@@ -94,15 +94,20 @@ bool Journal::Parse(const QByteArray& text, Journal* journal)
     const QByteArray above = text.chopped(end.size() + 1);
     if (end != "end " + QByteArray::number(count) + ' ' + Digest(above))
         return false;
-    journal->application = QString::fromUtf8(application);
-    journal->backup = QString::fromUtf8(backup);
-    journal->entries.reserve(count);
+    Journal read;
+    read.application = QString::fromUtf8(application);
+    read.backup = QString::fromUtf8(backup);
+    read.entries.reserve(count);
     for (const QByteArray& line : lines.mid(3)) {
         InventoryEntry entry;
         if (!ParseEntry(line, &entry))
             return false;
-        journal->entries.append(entry);
+        read.entries.append(entry);
     }
+    // A number can be written in many ways, and only one is that of Text().
+    if (read.Text() != text)
+        return false;
+    *journal = read;
     return true;
 }
 

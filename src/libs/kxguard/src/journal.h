@@ -28,7 +28,7 @@ struct Journal
     QList<InventoryEntry> entries;
 
     QByteArray Text() const;
-    /** False for anything that Text() does not write. */
+    /** False for anything that Text() does not write; `journal` is empty then. */
     static bool Parse(const QByteArray& text, Journal* journal);
 
     /** ".NAME.kxjournal" beside the application. */
