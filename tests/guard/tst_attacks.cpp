@@ -2,6 +2,7 @@
 // directory that somebody writes into, files laid beside the application. docs/security.md has the
 // whole list.
 
+#include "journal.h"
 #include "signingkey.h"
 #include "treebuilder.h"
 #include "updaterrig.h"
@@ -436,7 +437,7 @@ void TestAttacks::RecoveryRemovesNothingThroughALink()
         .Remove(link)
         .Symlink(link, rig->Outside())
         // Of an install that has ended but for its clearing up, as far as the journal goes.
-        .File(QStringLiteral(".app.kxjournal"), "kxjournal 1\napplication \nbackup \nend 0\n");
+        .File(QStringLiteral(".app.kxjournal"), guard::Journal().Text());
     const guard::Recovery recovery = guard::Recover(rig->App());
     QVERIFY2(recovery.state != guard::RecoveryState::Failed, qPrintable(recovery.text));
     QVERIFY(recovery.state != guard::RecoveryState::Whole); // it has looked at the journal
