@@ -20,7 +20,9 @@ fs::path ToNative(const QString& path)
 QString FromNative(const fs::path& path)
 {
     if constexpr (std::is_same_v<fs::path::value_type, char>)
-        return QFile::decodeName(QByteArray::fromStdString(path.string()));
+        // A mark of byte order is a character of the name that it begins; decoded alone, it is
+        // lost.
+        return QFile::decodeName(QByteArray::fromStdString('/' + path.string())).mid(1);
     else
         return QString::fromStdWString(path.wstring());
 }
