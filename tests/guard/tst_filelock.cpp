@@ -10,13 +10,29 @@
 #include <QFile>
 #include <QTest>
 
+#include <functional>
 #include <memory>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <csignal>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+namespace {
+std::function<void()> beforeLock; // called once, between the opening of a file and its lock
+}
+
+/** In place of the system's, which it calls. */
+extern "C" int flock(int file, int operation) noexcept
+{
+    if (beforeLock && (operation & LOCK_EX))
+        std::exchange(beforeLock, {})();
+    return static_cast<int>(::syscall(SYS_flock, file, operation));
+}
 
 using guard::FileLock;
 using kxtest::GuardChild;
@@ -72,6 +88,7 @@ private Q_SLOTS:
     void OwnerIsToldToThoseWhoCannotReadTheFile();
     void OwnerThatCannotBeReadIsStillOne();
     void ReleaseLeavesTheFileOfTheNextOwner();
+    void FileThatIsRemovedBeforeItsLockIsNoLock();
     void ManyProcessesNeverOwnItTogether();
     void ManyThreadsNeverOwnItTogether();
     void ApplicationLockStandsBesideTheApplication_data();
@@ -413,6 +430,31 @@ void TestFileLock::ReleaseLeavesTheFileOfTheNextOwner()
     QVERIFY(kxtest::Exists(path));
     QVERIFY(OthersAreExcluded(path));
     QCOMPARE(FileLock::OwnerOf(path).process, owner->Id());
+}
+
+void TestFileLock::FileThatIsRemovedBeforeItsLockIsNoLock()
+{
+    FileLock first(path);
+    FileLock second(path);
+    FileLock third(path);
+    QCOMPARE(first.Take(), Result::Taken);
+    // Between the second one's open() and flock() the lock changes hands, and its file with it.
+    Result change = Result::Failed;
+    beforeLock = [&] {
+        first.Release();
+        change = third.Take();
+    };
+    QCOMPARE(second.Take(), Result::Busy);
+    QCOMPARE(change, Result::Taken);
+    QVERIFY(!beforeLock);
+    QVERIFY(third.IsHeld());
+    QVERIFY(!second.IsHeld());
+    // Without a successor it is the second one's, with a file that stands there.
+    beforeLock = [&] { third.Release(); };
+    QCOMPARE(second.Take(), Result::Taken);
+    QVERIFY(!beforeLock);
+    QVERIFY(kxtest::Exists(path));
+    QVERIFY(OthersAreExcluded(path));
 }
 
 void TestFileLock::ManyProcessesNeverOwnItTogether()
