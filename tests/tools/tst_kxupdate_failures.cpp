@@ -236,7 +236,7 @@ void TstKxupdateFailures::InterruptInTheSwapFinishesIt()
     site.Install(v1);
     UpdateSite::CopyTree(site.Tree(v1), site.Backup()); // a stale backup to remove
     KxupdateProcess process;
-    process.InterruptAt(state, times, SIGINT);
+    process.InterruptAt(QStringLiteral("  ") + state, times, SIGINT); // not as the end of another
     QVERIFY2(process.Run(site.Command(QStringLiteral("update"))), process.Report());
     QVERIFY2(process.Status() == 0, process.Report());
     QCOMPARE(process.Data(QStringLiteral("result")), QStringLiteral("updated"));
@@ -260,7 +260,7 @@ void TstKxupdateFailures::KilledProcessIsRepairedByTheNextOne()
     site.Publish(v2);
     site.Install(v1);
     KxupdateProcess process;
-    process.InterruptAt(state, 1, SIGKILL);
+    process.InterruptAt(QStringLiteral("  ") + state, 1, SIGKILL);
     QVERIFY2(!process.Run(site.Command(QStringLiteral("update"))), process.Report());
     // One whole version is there, in its place or beside it.
     const QStringList left =

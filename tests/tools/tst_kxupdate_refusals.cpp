@@ -49,6 +49,9 @@ private Q_SLOTS:
     void UnwritableDownloadDirectoryIsRefusedBeforeDownloading();
     void VolumeWithoutRoomIsNotTakenForReadOnly();
     void TooLittleSpaceIsRefusedBeforeDownloading();
+    void EarlierVersionIsRefusedBeforeDownloading_data();
+    void EarlierVersionIsRefusedBeforeDownloading();
+    void EarlierVersionIsNotInstalled();
     void SecondProcessOnTheSameApplicationIsRefused();
     void ForeignLockFileIsRefused_data();
     void ForeignLockFileIsRefused();
@@ -306,6 +309,60 @@ void TstKxupdateRefusals::TooLittleSpaceIsRefusedBeforeDownloading()
     QVERIFY2(process.Status() == 3, process.Report());
     QVERIFY2(process.Errors().contains(QStringLiteral("Not enough space on")), process.Report());
     QVERIFY(!kxtest::Exists(site.Next()));
+    QCOMPARE(site.Installed(), site.Published(v1));
+}
+
+void TstKxupdateRefusals::EarlierVersionIsRefusedBeforeDownloading_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::newRow("update") << "update";
+    QTest::newRow("download") << "download";
+}
+
+void TstKxupdateRefusals::EarlierVersionIsRefusedBeforeDownloading()
+{
+    QFETCH(QString, command);
+    UpdateSite site;
+    site.Publish(v1);
+    site.Install(v2);
+    KxupdateProcess process;
+    QVERIFY2(process.Run(site.Command(command, v2)), process.Report());
+    QVERIFY2(process.Status() == 3, process.Report());
+    QCOMPARE(process.Output(), QStringLiteral("installed: 2.0\nserver: 1.0\nverdict: available\n"
+                                              "result: refused\n"));
+    QVERIFY2(process.Errors().contains(QStringLiteral("Error 620107: ")) &&
+                 process.Errors().contains(QStringLiteral("--allow-downgrade")),
+             process.Report());
+    QCOMPARE(site.Server().RequestCount(site.FilePath(v1, QStringLiteral("bin/hello"))), 0);
+    QVERIFY(!kxtest::Exists(site.Next()));
+    QCOMPARE(site.Installed(), site.Published(v2));
+
+    KxupdateProcess allowed;
+    QVERIFY2(allowed.Run(site.Command(command, v2, {QStringLiteral("--allow-downgrade")})),
+             allowed.Report());
+    QVERIFY2(allowed.Status() == 0, allowed.Report());
+    QCOMPARE(kxtest::Snapshot(site.Next()), site.Published(v1));
+    QCOMPARE(site.Installed(), site.Published(command == QLatin1String("update") ? v1 : v2));
+}
+
+void TstKxupdateRefusals::EarlierVersionIsNotInstalled()
+{
+    UpdateSite site;
+    site.Publish(v1);
+    KxupdateProcess download;
+    QVERIFY2(download.Run(site.Command(QStringLiteral("download"), QStringLiteral("0"))),
+             download.Report());
+    site.Install(v2);
+    KxupdateProcess process;
+    QVERIFY2(process.Run(site.Command(QStringLiteral("install"), v2)), process.Report());
+    QVERIFY2(process.Status() == 3, process.Report());
+    QVERIFY2(process.Errors().contains(QStringLiteral("Error 620107: ")), process.Report());
+    QCOMPARE(site.Installed(), site.Published(v2));
+    KxupdateProcess allowed;
+    QVERIFY2(allowed.Run(site.Command(QStringLiteral("install"), v2,
+                                      {QStringLiteral("--allow-downgrade")})),
+             allowed.Report());
+    QVERIFY2(allowed.Status() == 0, allowed.Report());
     QCOMPARE(site.Installed(), site.Published(v1));
 }
 

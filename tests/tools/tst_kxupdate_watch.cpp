@@ -199,7 +199,7 @@ void TstKxupdateWatch::InterruptInTheSwapFinishesIt()
     site.Publish(v2);
     site.Install(v1);
     KxupdateProcess process;
-    process.InterruptAt(QStringLiteral("MOVING"), 2, SIGTERM);
+    process.InterruptAt(QStringLiteral("  MOVING"), 2, SIGTERM); // not BACKUPREMOVING
     QVERIFY2(process.Run(site.Command(QStringLiteral("update"), v1, Watching("600"))),
              process.Report());
     QVERIFY2(process.Status() == 0, process.Report());

@@ -34,6 +34,7 @@ private Q_SLOTS:
     void VersionThatIsOfferedAgainAfterEachUpdateIsLeftAlone();
     void UnreachableServerDoesNotEndIt();
     void KilledAttemptCounts();
+    void EarlierVersionIsNotFetched();
 
 private:
     void Stop(KxupdateProcess& process);
@@ -137,6 +138,20 @@ void TstKxupdateWatchFailures::KilledAttemptCounts()
     QVERIFY2(process.AwaitOutput(Result("refused")), process.Report());
     Stop(process);
     QCOMPARE(site.Installed(), site.Published(v1));
+}
+
+void TstKxupdateWatchFailures::EarlierVersionIsNotFetched()
+{
+    UpdateSite site;
+    site.Publish(v1);
+    site.Install(v2);
+    KxupdateProcess process;
+    process.Start(site.Command(QStringLiteral("update"), v2, Watching()));
+    QVERIFY2(process.AwaitOutput(Result("refused"), 3), process.Report());
+    QCOMPARE(site.Server().RequestCount(site.FilePath(v1, filter)), 0);
+    site.Publish(v2);
+    QVERIFY2(process.AwaitOutput(Result("up-to-date")), process.Report());
+    Stop(process);
 }
 
 QTEST_GUILESS_MAIN(TstKxupdateWatchFailures)

@@ -358,6 +358,12 @@ void Session::LoadPackage()
     Next();
 }
 
+QString Session::NewVersion() const
+{
+    return options.command == Options::Command::Install ? packagefile::Version(packageXml)
+                                                        : updater->ServerVersion();
+}
+
 void Session::VerifyTree()
 {
     console.Message(QStringLiteral("Verifying '%1' against '%2'.").arg(tree, options.xml));
@@ -371,8 +377,7 @@ void Session::Install()
     hadApplication = application.Exists();
     console.Dropped(application.Unlisted(manifest));
     installGuard.SetPackageXML(packageXml);
-    if (options.command == Options::Command::Install)
-        installGuard.SetVersion(packagefile::Version(packageXml));
+    installGuard.SetVersion(NewVersion());
     awaited = Awaited::Install;
     updater->Install();
 }
@@ -403,9 +408,7 @@ void Session::Conclude()
                 .arg(application.BackupPath()));
     if (canceling)
         console.Message(QStringLiteral("The swap was under way and has been finished."));
-    installedVersion = options.command == Options::Command::Install
-                           ? packagefile::Version(packageXml)
-                           : updater->ServerVersion();
+    installedVersion = NewVersion();
     KeepVersion();
     RunProgram();
     if (options.command == Options::Command::Install) {

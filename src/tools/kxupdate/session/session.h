@@ -141,6 +141,7 @@ private:
     bool IsOwnLockFile(const QString& file);
     guard::Problem SignatureProblem(const QString& xml, const QString& version) const;
     bool IsDowngrade() const;
+    QString NewVersion() const;
     QString FilePlaceViolation() const;
     void AnnounceCheck();
     void Scan(const QString& directory, const char* finishedSlot);
@@ -190,6 +191,7 @@ private:
     bool placesAreGood = false;
     bool joining = false; // in the check that the updater began
     bool swapBegan = false;
+    bool waiting = false;   // for another process
     bool canceling = false; // the user wants to end
     bool finished = false;
 };

@@ -52,6 +52,9 @@ void Session::Recover()
     const guard::Recovery recovery = guard::Recover(
         application.Path(), int(qMin(recoveryDeadline.remainingTime(), waitSliceMs)));
     if (recovery.state == guard::RecoveryState::Busy && !recoveryDeadline.hasExpired()) {
+        if (!waiting)
+            console.Message(recovery.text + QStringLiteral(" Waiting for its end."));
+        waiting = true;
         steps.prepend(&Session::Recover);
         return Next();
     }
