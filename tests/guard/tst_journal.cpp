@@ -1,9 +1,22 @@
 #include "journal.h"
 
+#include <QCryptographicHash>
 #include <QTest>
 
 using guard::InventoryEntry;
 using guard::Journal;
+
+namespace {
+
+// A journal of these lines, with the end that they need.
+QByteArray Journaled(const QByteArray& lines, qsizetype count)
+{
+    const QByteArray above = "kxjournal 1\napplication a\nbackup b\n" + lines;
+    const QByteArray digest = QCryptographicHash::hash(above, QCryptographicHash::Sha256).toHex();
+    return above + "end " + QByteArray::number(count) + ' ' + digest + '\n';
+}
+
+} // namespace
 
 /** The text of the journal beside an application. */
 class TestJournal : public QObject
@@ -48,20 +61,26 @@ void TestJournal::WhatIsWrittenIsReadBack()
 void TestJournal::OtherTextsAreRefused_data()
 {
     QTest::addColumn<QByteArray>("text");
-    const QByteArray begin = "kxjournal 1\napplication a\nbackup b\n";
+    const QByteArray good = Journaled("file 5 a\n", 1);
+    Journal journal;
+    QVERIFY(
+        Journal::Parse(good, &journal)); // so it is not for their frame that the rest are refused
+
     QTest::newRow("empty") << QByteArray();
-    QTest::newRow("cut before the end") << begin + "file 5 a\n";
-    QTest::newRow("cut in the end") << begin + "file 5 a\nend 1";
-    QTest::newRow("another count") << begin + "file 5 a\nend 2\n";
-    QTest::newRow("more behind the end") << begin + "file 5 a\nend 1\n\n";
-    QTest::newRow("another version") << QByteArray("kxjournal 2\napplication a\nbackup b\nend 0\n");
-    QTest::newRow("size with a sign") << begin + "file +5 a\nend 1\n";
-    QTest::newRow("size with a zero before it") << begin + "file 05 a\nend 1\n";
-    QTest::newRow("size that is too large") << begin + "file 18446744073709551616 a\nend 1\n";
-    QTest::newRow("no size") << begin + "file a\nend 1\n";
-    QTest::newRow("no name") << begin + "link \nend 1\n";
-    QTest::newRow("second entry is none") << begin + "file 5 a\ndirectory b\nend 2\n";
-    QTest::newRow("name that is no UTF-8") << begin + "file 5 \xff\nend 1\n";
+    QTest::newRow("cut before the end") << good.left(good.indexOf("end"));
+    QTest::newRow("cut in the end") << good.chopped(1);
+    QTest::newRow("cut before the digest") << good.left(good.indexOf("end") + 5) + '\n';
+    QTest::newRow("another count") << Journaled("file 5 a\n", 2);
+    QTest::newRow("another digest") << QByteArray(good).replace("file 5", "file 6");
+    QTest::newRow("more behind the end") << good + '\n';
+    QTest::newRow("another version") << QByteArray(good).replace("kxjournal 1", "kxjournal 2");
+    QTest::newRow("size with a sign") << Journaled("file +5 a\n", 1);
+    QTest::newRow("size with a zero before it") << Journaled("file 05 a\n", 1);
+    QTest::newRow("size that is too large") << Journaled("file 18446744073709551616 a\n", 1);
+    QTest::newRow("no size") << Journaled("file a\n", 1);
+    QTest::newRow("no name") << Journaled("link \n", 1);
+    QTest::newRow("second entry is none") << Journaled("file 5 a\ndirectory b\n", 2);
+    QTest::newRow("name that is no UTF-8") << Journaled("file 5 \xff\n", 1);
 }
 
 void TestJournal::OtherTextsAreRefused()
