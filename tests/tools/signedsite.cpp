@@ -42,10 +42,7 @@ void SignedSite::ChangeManifest(const QString& version, const QByteArray& before
 
 void SignedSite::StripManifest(const QString& version)
 {
-    QString manifest = QString::fromUtf8(kxtest::Read(ManifestFile(version)));
-    manifest.remove(QRegularExpression(QStringLiteral(
-        " (version|platform|signature|trustedComment|commentSignature)=\"[^\"]*\"")));
-    kxtest::Write(ManifestFile(version), manifest.toUtf8());
+    kxtest::Write(ManifestFile(version), Unsigned(kxtest::Read(ManifestFile(version))));
 }
 
 QStringList SignedSite::Trusting(const QString& command, const QString& current,
@@ -64,6 +61,13 @@ bool SignedSite::WereFilesFetched()
         }
     }
     return false;
+}
+
+QByteArray Unsigned(const QByteArray& description)
+{
+    const QRegularExpression attributes(QStringLiteral(
+        "(?<!xml) (version|platform|signature|trustedComment|commentSignature)=\"[^\"]*\""));
+    return QString::fromUtf8(description).remove(attributes).toUtf8();
 }
 
 void WriteKey(const QString& path, const kxtest::SigningKey& key)

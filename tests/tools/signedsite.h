@@ -37,5 +37,7 @@ private:
     kxtest::SigningKey key;
 };
 
+/** A description without the attributes of its signature. */
+QByteArray Unsigned(const QByteArray& description);
 /** Writes the public key of `key` to a file at `path`. */
 void WriteKey(const QString& path, const kxtest::SigningKey& key);

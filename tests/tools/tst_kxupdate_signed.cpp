@@ -55,6 +55,8 @@ private Q_SLOTS:
     void VersionOfTheSignatureDecidesTheOrder();
     void VerifyChecksTheSignatures_data();
     void VerifyChecksTheSignatures();
+    void KeyIsForOnePackage_data();
+    void KeyIsForOnePackage();
     void WatchWaitsForASignedVersion();
     void StatusTellsTheKeys();
 };
@@ -264,7 +266,7 @@ void TstKxupdateSigned::KeptDescriptionIsCheckedAgain()
     const QByteArray before = kxtest::Read(site.Xml());
     QByteArray xml = before;
     if (change == QLatin1String("strip"))
-        xml.replace(" signature=", " other=").replace(" commentSignature=", " another=");
+        xml = Unsigned(xml);
     else if (change == QLatin1String("note"))
         xml.replace("<?kxupdate-version 2.0", "<?kxupdate-version 9.0");
     else if (change != QLatin1String("alone"))
@@ -329,13 +331,53 @@ void TstKxupdateSigned::VerifyChecksTheSignatures()
         kxtest::TreeBuilder(site.App()).File(change, "evil");
     KxupdateProcess process;
     QVERIFY2(process.Run(site.Verify(QStringLiteral("--app"), site.App()) +
-                         QStringList{QStringLiteral("--key"), site.KeyFile()}),
+                         QStringList{QStringLiteral("--key"), site.KeyFile(),
+                                     QStringLiteral("--package"), QStringLiteral("hello")}),
              process.Report());
     QVERIFY2(process.Status() == status, process.Report());
     KxupdateProcess unsignedOne;
     QVERIFY2(unsignedOne.Run(site.Verify(QStringLiteral("--app"), site.App())),
              unsignedOne.Report());
     QVERIFY2(unsignedOne.Status() == (status == 5 ? 5 : 0), unsignedOne.Report());
+}
+
+void TstKxupdateSigned::KeyIsForOnePackage_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::newRow("install") << "install";
+    QTest::newRow("verify") << "verify";
+}
+
+void TstKxupdateSigned::KeyIsForOnePackage()
+{
+    QFETCH(QString, command);
+    SignedSite site;
+    site.PublishSigned(v2);
+    site.Install(v1);
+    KxupdateProcess download;
+    QVERIFY2(download.Run(site.Trusting(QStringLiteral("download"))), download.Report());
+    QVERIFY2(download.Status() == 0, download.Report());
+    QStringList arguments{command, QStringLiteral("--key"), site.KeyFile(),
+                          QStringLiteral("--download"), site.Next()};
+    if (command == QLatin1String("install"))
+        arguments += {QStringLiteral("--app"), site.App()};
+
+    // The description alone would name any package of the publisher.
+    KxupdateProcess process;
+    QVERIFY2(process.Run(arguments), process.Report());
+    QVERIFY2(process.Status() == 2, process.Report());
+    QVERIFY2(process.Errors().contains(QStringLiteral("needs --package")), process.Report());
+    KxupdateProcess other;
+    QVERIFY2(
+        other.Run(arguments + QStringList{QStringLiteral("--package"), QStringLiteral("other")}),
+        other.Report());
+    QVERIFY2(other.Status() != 0, other.Report());
+    QCOMPARE(site.Installed(), site.Published(v1));
+    KxupdateProcess named;
+    QVERIFY2(
+        named.Run(arguments + QStringList{QStringLiteral("--package"), QStringLiteral("hello")}),
+        named.Report());
+    QVERIFY2(named.Status() == 0, named.Report());
 }
 
 void TstKxupdateSigned::WatchWaitsForASignedVersion()

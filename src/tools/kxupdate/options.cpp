@@ -212,6 +212,16 @@ QString ReadKeys(const Sources& sources, Options& options)
     return QString();
 }
 
+// The description names its package itself, and another one of the same publisher is signed, too.
+QString UnboundKeyProblem(const NeedRow& row, const Options& options)
+{
+    const bool isKept = row.command == Command::Install || row.command == Command::Verify;
+    if (!isKept || options.keys.isEmpty() || !options.package.isEmpty())
+        return QString();
+    return QStringLiteral("'%1' needs --package with --key: the signature must be for it")
+        .arg(QString::fromLatin1(row.name));
+}
+
 QString NetworkProblem(const Sources& sources, const Options& options)
 {
     QNetworkProxy proxy;
@@ -280,6 +290,8 @@ QString ReadOptions(const tools::CommandLine& line, Options& options)
         problem = ReadNumber(sources, "wait", 0, 86400, options.wait);
     if (problem.isEmpty())
         problem = ReadKeys(sources, options);
+    if (problem.isEmpty())
+        problem = UnboundKeyProblem(*row, options);
     if (problem.isEmpty())
         problem = ReadSwitch(line, config, "allow-downgrade", options.allowDowngrade);
     if (problem.isEmpty())

@@ -36,10 +36,10 @@ QString Word(guard::RecoveryState state)
 void Session::MendApplication()
 {
     const guard::Recovery recovery = installGuard.Recover();
-    if (recovery.state == guard::RecoveryState::Failed)
+    if (!recovery.IsWhole() && recovery.state != guard::RecoveryState::Absent)
         return Fail(recovery.text, ExitStatus::Broken);
-    if (recovery.state != guard::RecoveryState::Whole &&
-        recovery.state != guard::RecoveryState::Absent)
+    // A first install begins with nothing.
+    if (recovery.state != guard::RecoveryState::Whole && application.Exists())
         console.Message(recovery.text);
     Next();
 }
