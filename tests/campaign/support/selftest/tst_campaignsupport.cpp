@@ -6,6 +6,7 @@
 
 #include <kxcommon/pathguard.h>
 
+#include <QRegularExpression>
 #include <QSet>
 #include <QTest>
 
@@ -104,6 +105,9 @@ void TestCampaignSupport::EveryTreeCanBePublished()
         for (const updater::File& file : files) {
             QVERIFY(common::PathGuard::NameViolation(file.Name()).isEmpty());
             QVERIFY(!S("/%1").arg(file.Name()).contains(S("/.")));
+            // Nor with anything that means something in a URL, or that the ends of a name lose.
+            static const QRegularExpression lost(S("[#?%]|(^|/)\\s|\\s(/|$)"));
+            QVERIFY2(!file.Name().contains(lost), qPrintable(file.Name()));
             QCOMPARE(file.SymlinkPath(), tree.Entries().value(file.Name()).target);
         }
     }
