@@ -1,6 +1,7 @@
 #include "minisignkeys.h"
 #include "nginxserver.h"
 #include "publishsite.h"
+#include "signingkey.h"
 
 #include <kxguard/signedmanifest.h>
 #include <kxguard/signedtree.h>
@@ -70,6 +71,8 @@ private Q_SLOTS:
     void VerifyFindsWhatIsNotSigned();
     void VerifyFindsChanges_data();
     void VerifyFindsChanges();
+    void VerifyComparesListAndManifest_data();
+    void VerifyComparesListAndManifest();
     void VerifyTakesOneOfSeveralKeys();
     void VerifyRefusesABadKey();
     void PromoteWarnsOfALostSignature();
@@ -555,6 +558,65 @@ void TestKxpublishSign::VerifyFindsChanges()
                          Path("otherpub")})
                  .status,
              5);
+}
+
+void TestKxpublishSign::VerifyComparesListAndManifest_data()
+{
+    QTest::addColumn<QString>("listVersion");
+    QTest::addColumn<ChangeFunction>("change"); // in the tree, once the list is made
+    QTest::addColumn<QString>("text");          // empty: nothing is found
+    const auto row = [](const char* name, const char* version, const ChangeFunction& change,
+                        const char* text) {
+        QTest::newRow(name) << S(version) << change << S(text);
+    };
+    row(
+        "the same", "2.4.1", [](TreeBuilder&) {}, "");
+    row(
+        "a list of another version", "2.4.0", [](TreeBuilder&) {},
+        "'SHA256SUMS.minisig': it is signed for another version");
+    row(
+        "a file", "2.4.1", [](TreeBuilder& tree) { tree.File(S("Z"), "changed"); },
+        "'Z': has another digest in SHA256SUMS than in the manifest");
+    row(
+        "a file more", "2.4.1", [](TreeBuilder& tree) { tree.File(S("more"), ""); },
+        "'more': not in SHA256SUMS");
+    row(
+        "a file less", "2.4.1", [](TreeBuilder& tree) { tree.Remove(S("Z")); },
+        "'Z': in SHA256SUMS, and not in the manifest");
+    row(
+        "a link", "2.4.1",
+        [](TreeBuilder& tree) { tree.Remove(S("lib/link")).Symlink(S("lib/link"), S("../Z")); },
+        "'lib/link': has another target in SHA256SUMS than in the manifest");
+}
+
+// Both are signed, and published by something else than kxpublish.
+void TestKxpublishSign::VerifyComparesListAndManifest()
+{
+    QFETCH(QString, listVersion);
+    QFETCH(ChangeFunction, change);
+    QFETCH(QString, text);
+    const kxtest::SigningKey key;
+    workshop->Remove(S("pub")).File(S("pub"), key.Public().FileText());
+    guard::PackageIdentity listed = identity;
+    listed.version = listVersion;
+    key.SignTree(site->Tree().Root(), listed);
+    change(site->Tree());
+    kxtest::NginxServer server(Server());
+    QCOMPARE(RunPublish(With(AddWords(), S("--base-url"), S("http://127.0.0.1:1"))).status, 0);
+    site->Promote(S("2.4.1"));
+    QVERIFY2(server.Start(), qPrintable(server.Error()));
+    const QString index = site->BuildPath(S("2.4.1"), S("index.xml"));
+    const QByteArray xml = Index().replace("http://127.0.0.1:1", server.Url().toUtf8());
+    kxtest::Write(index, key.SignManifest(xml, site->BuildPath(S("2.4.1"), S("files")), identity));
+
+    const PublishResult url = RunPublish(
+        {S("verify"), server.Url(), S("--name"), S("demo-app"), S("--key"), Path("pub")});
+    for (const PublishResult& result : {Verify(), url}) {
+        const QString found = result.out.join(u'\n');
+        QVERIFY2(found.contains(text), qPrintable(found));
+        QVERIFY2(found.contains(S("problems: %1").arg(text.isEmpty() ? 0 : 1)), qPrintable(found));
+        QCOMPARE(result.status, text.isEmpty() ? 0 : 5);
+    }
 }
 
 void TestKxpublishSign::VerifyTakesOneOfSeveralKeys()
