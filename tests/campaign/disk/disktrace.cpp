@@ -378,6 +378,7 @@ private:
         call->number = shape->number;
         call->name = shape->name;
         call->thread = thread;
+        call->hasPath = shape->path >= 0;
         const quint64 arguments[] = {registers.rdi, registers.rsi, registers.rdx,
                                      registers.r10, registers.r8,  registers.r9};
         std::copy(std::begin(arguments), std::end(arguments), call->arguments);
@@ -387,7 +388,8 @@ private:
         if (!IsOfDisk(*call))
             return false;
         if (shape->descriptor >= 0)
-            call->path = OfDescriptor(thread, static_cast<int>(arguments[shape->descriptor]));
+            call->path =
+                OfDescriptor(thread, static_cast<int>(arguments[shape->descriptor]), &call->isGone);
         else
             call->path = OfPath(thread, *call, shape->directory, shape->path);
         if (shape->secondPath >= 0)
@@ -414,15 +416,18 @@ private:
         return true;
     }
 
-    static QByteArray OfDescriptor(pid_t thread, int descriptor)
+    static QByteArray OfDescriptor(pid_t thread, int descriptor, bool* isGone = nullptr)
     {
         const QByteArray process = "/proc/" + QByteArray::number(thread);
         if (descriptor == AT_FDCWD)
             return LinkText(process + "/cwd");
         QByteArray path = LinkText(process + "/fd/" + QByteArray::number(descriptor));
         const QByteArray gone = " (deleted)";
-        if (path.endsWith(gone))
+        if (path.endsWith(gone)) {
             path.chop(gone.size());
+            if (isGone)
+                *isGone = true;
+        }
         return path;
     }
 

@@ -22,6 +22,8 @@ struct DiskCall
     quint64 arguments[6] = {};
     QByteArray path;       //!< of the entry, or of the open file; absolute
     QByteArray secondPath; //!< where a rename or a hard link leads; absolute
+    bool hasPath = false;  //!< names the entry, and does not have it open
+    bool isGone = false;   //!< the open file has no name any more; `path` was its last one
     pid_t thread = 0;
     qint64 result = 0; //!< once it is through: the kernel's, an error as its negative number
 
@@ -62,7 +64,7 @@ struct TracedCommand
     QByteArray output;             //!< file for what it prints; is replaced
     QByteArray root;               //!< the watched directory, canonical
     bool withLooks = false;        //!< whether calls of the kind Look are reported
-    int timeout = 60;              //!< seconds until SIGALRM
+    int timeout = 400;             //!< seconds until SIGALRM: only for what hangs
 };
 
 struct TracedEnd

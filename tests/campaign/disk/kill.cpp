@@ -152,7 +152,7 @@ std::vector<Point> KillCampaign::AllPoints()
     if (!Record(&whole, place, round.Update(place)))
         return {};
     const QString problem =
-        round.WholeProblem(place, UpdateRound::State::New) + round.NeighbourProblem(place, true);
+        round.WholeProblem(place, {UpdateRound::State::New}) + round.NeighbourProblem(place, true);
     if (!problem.isEmpty()) {
         Fail(S("a whole run"), problem);
         return {};
@@ -195,7 +195,7 @@ std::vector<Point> KillCampaign::RollbackPoints(const std::vector<DiskCall>& all
         failed.error = ENOSPC;
         if (!Record(&failed, place, round.Update(place)))
             continue;
-        const QString problem = round.WholeProblem(place, UpdateRound::State::Old);
+        const QString problem = round.WholeProblem(place, {UpdateRound::State::Old});
         if (!problem.isEmpty())
             Fail(S("a swap that fails at call %1").arg(failAt), problem);
         AddPoints(&points, failAt + 1, int(failed.calls.size()), failAt, ENOSPC);
@@ -269,7 +269,7 @@ void KillCampaign::CheckNextUpdate(const QString& place, const QString& where)
                       .arg(end.signal)
                       .arg(QString::fromUtf8(kxtest::Read(place + S(".output"))));
     if (problem.isEmpty())
-        problem = round.WholeProblem(place, UpdateRound::State::New);
+        problem = round.WholeProblem(place, {UpdateRound::State::New});
     if (problem.isEmpty())
         problem = round.NeighbourProblem(place, true);
     if (!problem.isEmpty())

@@ -9,6 +9,7 @@
 #include <QFile>
 #include <QRegularExpression>
 
+#include <algorithm>
 #include <filesystem>
 
 #include <sys/stat.h>
@@ -65,22 +66,37 @@ void CopyWhole(const QString& from, const QString& to)
     fs::permissions(target, fs::status(source).permissions());
 }
 
+QByteArray DirectoryIdentity(const QString& path)
+{
+    return guard::IdentityOf(path).toUtf8();
+}
+
+void AdaptJournal(const QString& parent, const QList<QPair<QByteArray, QByteArray>>& identities)
+{
+    for (const QString& name : {S("/.app.kxjournal"), S("/..app.kxjournal.kxtmp")}) {
+        if (!kxtest::Exists(parent + name))
+            continue;
+        QList<QByteArray> lines = kxtest::Read(parent + name).split('\n');
+        for (QByteArray& line : lines) {
+            for (const auto& [before, now] : identities) {
+                if (line == "application " + before) {
+                    line = "application " + now;
+                    break;
+                }
+            }
+        }
+        kxtest::Write(parent + name, lines.join('\n'));
+    }
+}
+
 void CopyPlace(const QString& from, const QString& to)
 {
     CopyWhole(from, to);
-    const QString path = UpdateRound::Parent(to) + S("/.app.kxjournal");
-    if (!kxtest::Exists(path))
-        return;
-    QList<QByteArray> lines = kxtest::Read(path).split('\n');
-    for (const QString& name : {S("/app"), S("/app.old"), S("/.app.kxnew")}) {
-        const QByteArray before = guard::IdentityOf(UpdateRound::Parent(from) + name).toUtf8();
-        const QByteArray now = guard::IdentityOf(UpdateRound::Parent(to) + name).toUtf8();
-        for (QByteArray& line : lines) {
-            if (line == "application " + before)
-                line = "application " + now;
-        }
-    }
-    kxtest::Write(path, lines.join('\n'));
+    QList<QPair<QByteArray, QByteArray>> identities;
+    for (const QString& name : {S("/app"), S("/app.old"), S("/.app.kxnew")})
+        identities.append({DirectoryIdentity(UpdateRound::Parent(from) + name),
+                           DirectoryIdentity(UpdateRound::Parent(to) + name)});
+    AdaptJournal(UpdateRound::Parent(to), identities);
 }
 
 QString Difference(const QStringList& is, const QStringList& wanted)
@@ -207,7 +223,7 @@ UpdateRound::State UpdateRound::StateOf(const QString& place) const
     return lines == newLines ? State::New : State::Broken;
 }
 
-QString UpdateRound::WholeProblem(const QString& place, State wanted) const
+QString UpdateRound::WholeProblem(const QString& place, std::initializer_list<State> allowed) const
 {
     const State state = StateOf(place);
     if (state == State::Missing)
@@ -215,7 +231,7 @@ QString UpdateRound::WholeProblem(const QString& place, State wanted) const
     const QString mode = S("%1").arg(kxtest::Mode(App(place)), 0, 8);
     if (mode != S("755"))
         return S("the application directory has the mode %1").arg(mode);
-    if (state == wanted || (wanted == State::Broken && state != State::Broken))
+    if (std::find(allowed.begin(), allowed.end(), state) != allowed.end())
         return {};
     const QStringList lines = kxtest::Snapshot(App(place));
     return S("not the old version: %1\n  not the new version: %2")

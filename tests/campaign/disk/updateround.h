@@ -7,6 +7,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <initializer_list>
+
 namespace campaign {
 
 /**
@@ -47,8 +49,9 @@ public:
     enum class State { Old, New, Missing, Broken };
     State StateOf(const QString& place) const;
     /** What is wrong with an application that has to be whole, and with what is beside it; empty
-     *  when nothing is. `wanted`: Old or New for just that one, Broken for either. */
-    QString WholeProblem(const QString& place, State wanted = State::Broken) const;
+     *  when nothing is. `allowed`: what it may be. */
+    QString WholeProblem(const QString& place,
+                         std::initializer_list<State> allowed = {State::Old, State::New}) const;
     /** What has happened to the neighbours, or stands beside the application that did not before;
      *  empty when nothing. `withLeftovers`: also the names that belong to an install. */
     QString NeighbourProblem(const QString& place, bool withLeftovers) const;
@@ -70,6 +73,10 @@ void CopyWhole(const QString& from, const QString& to);
  * has: that in the copied journal becomes the one of the copied directory.
  */
 void CopyPlace(const QString& from, const QString& to);
+/** Puts the second identity of each pair where journals below `parent` have the first. */
+void AdaptJournal(const QString& parent, const QList<QPair<QByteArray, QByteArray>>& identities);
+/** guard::IdentityOf() */
+QByteArray DirectoryIdentity(const QString& path);
 /** The first lines in which two snapshots differ. */
 QString Difference(const QStringList& is, const QStringList& wanted);
 /** Runs a command that nothing is asked of. */
