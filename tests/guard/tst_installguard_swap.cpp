@@ -1,3 +1,4 @@
+#include "droppedrights.h"
 #include "guardchild.h"
 #include "guardedupdater.h"
 #include "guardsite.h"
@@ -75,6 +76,7 @@ private Q_SLOTS:
     void FailedSwapLeavesTheOldVersion();
     void WhatAnEarlierInstallLeftIsRecoveredFirst_data();
     void WhatAnEarlierInstallLeftIsRecoveredFirst();
+    void WhatCannotBeRecoveredIsRefused();
     void GuardRecoversForTheHolderOfTheLock();
     void DeletedGuardLeavesTheSwapToRecover();
 
@@ -441,6 +443,39 @@ void TestInstallGuardSwap::WhatAnEarlierInstallLeftIsRecoveredFirst()
         const bool endsNew = !isRefused || options.last() == "BACKUPCLEARING";
         QVERIFY2(endsNew ? site->IsNew() : site->IsOld(), site->Report());
     }
+}
+
+void TestInstallGuardSwap::WhatCannotBeRecoveredIsRefused()
+{
+    if (::geteuid() != 0)
+        QSKIP("only root can leave what another user cannot remove");
+    GuardChild child(
+        {"install", "--die-at", "BACKUPCLEARING", site->App(), site->Next(), site->XmlFile()});
+    child.Finish();
+    QVERIFY(child.WasKilled());
+    // All is an ordinary user's but what lies deep in the old version.
+    kxtest::Remove(site->LockFile());
+    for (const QString& path : {site->Root(), site->App(), site->Backup(), site->Journal()})
+        QCOMPARE(::chown(qPrintable(path), 65534, 65534), 0);
+    HostCallback host;
+    {
+        const kxtest::DroppedRights dropped;
+        IdleUpdater updater(*site);
+        InstallGuard guard(&updater);
+        guard.SetCallback(&host);
+        QVERIFY2(updater.CallBack() == guard::InstallRecovery, qPrintable(guard.LastError()));
+        QCOMPARE(guard.LastErrorCode(), int(guard::InstallRecovery));
+        QVERIFY2(guard.LastError().contains(site->Backup()), qPrintable(guard.LastError()));
+        QVERIFY(!guard.IsLocked());
+    }
+    QCOMPARE(host.calls.load(), 0);
+    QCOMPARE(Snapshot(site->App()), site->NewTree());
+    QVERIFY(Exists(site->Backup() + "/bin/app"));
+    QVERIFY(Exists(site->Journal()));
+    QVERIFY(!Exists(site->LockFile()));
+    const guard::Recovery recovery = guard::Recover(site->App());
+    QVERIFY2(recovery.state == guard::RecoveryState::Finished, qPrintable(recovery.text));
+    QVERIFY2(site->IsNew(), site->Report());
 }
 
 void TestInstallGuardSwap::GuardRecoversForTheHolderOfTheLock()
