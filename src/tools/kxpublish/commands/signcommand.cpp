@@ -95,7 +95,8 @@ void SignCommand::CheckNothingIsLeftOut(const TreeContents& contents)
 ExitStatus SignCommand::SignTree(const TreeContents& contents)
 {
     QString error;
-    TreeCopy reader(settings.tree, QString(), contents, Digests::Md5AndSha256, PublishedFiles(),
+    const PublishedFiles nothingPublished;
+    TreeCopy reader(settings.tree, QString(), contents, Digests::Md5AndSha256, nothingPublished,
                     &progress);
     switch (reader.Run(&problems, error)) {
     case TreeCopy::Complete:
