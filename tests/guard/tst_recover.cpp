@@ -379,9 +379,6 @@ void TestRecover::KilledAtAnyStepItEndsWhole()
         const Recovery recovery = Recover(site->App());
         const QByteArray told = QByteArray::number(step) + ": " + Told(recovery);
         QVERIFY2(recovery.IsWhole(), told);
-        // Nothing is left to do when the journal is gone, and the lock is nobody's.
-        if (recovery.state == RecoveryState::Whole)
-            kxtest::Remove(site->LockFile());
         // A backup from before whose removal was cut off is nobody's any more, or still its own.
         const bool isUntouched =
             Snapshot(site->App()) == site->OldTree() && Exists(site->Backup()) &&
@@ -429,8 +426,6 @@ void TestRecover::KilledRecoveryIsTakenUpAgain()
         }
         const Recovery recovery = Recover(site->App());
         QVERIFY2(recovery.IsWhole(), Told(recovery));
-        if (recovery.state == RecoveryState::Whole)
-            kxtest::Remove(site->LockFile());
         QVERIFY2(endsNew ? site->IsNew() : site->IsOld(), site->Report());
     }
 }

@@ -208,6 +208,16 @@ Recovery Recoverer::Run()
     return {state, said.join(u' ')};
 }
 
+// A process that was killed before its journal, or after it, leaves the file of its lock, which no
+// later install may come to remove. Whoever may not do that can do without.
+void RemoveLockOfNobody(const QString& path)
+{
+    if (StandingAt(path) == Standing::Nothing || FileLock::OwnerOf(path).process != 0)
+        return;
+    FileLock lock(path);
+    lock.Take();
+}
+
 } // namespace
 
 QString ApplicationViolation(const QString& appDir)
@@ -240,8 +250,10 @@ Recovery Recover(const QString& appDir, int waitMs)
         return {RecoveryState::Failed,
                 QStringLiteral("Cannot recover an application: %1.").arg(violation)};
     const Recoverer look(appDir, Removals::Do);
-    if (look.IsQuiet())
+    if (look.IsQuiet()) {
+        RemoveLockOfNobody(ApplicationLockPath(Clean(appDir)));
         return look.Look();
+    }
     FileLock lock(ApplicationLockPath(Clean(appDir)));
     switch (lock.Take(waitMs)) {
     case FileLock::Result::Taken:

@@ -39,9 +39,10 @@ struct Recovery
  * A missing application whose backup (the path with ".old" appended) stands there is renamed back.
  * Anything is removed only if the journal of an InstallGuard, ".NAME.kxjournal" beside the
  * application, tells of an install that did not end: a backup that nobody made here is nobody's
- * business here. While another process holds the application's lock nothing is done; `waitMs`
- * milliseconds are waited for it. Idempotent, and safe to run at each start and in several
- * processes at once. Any thread; blocks while a tree is removed; needs no event loop.
+ * business here. Only the file of a lock that nobody holds goes in any case. While another process
+ * holds the application's lock nothing is done; `waitMs` milliseconds are waited for it.
+ * Idempotent, and safe to run at each start and in several processes at once. Any thread; blocks
+ * while a tree is removed; needs no event loop.
  */
 KXGUARD_EXPORT Recovery Recover(const QString& appDir, int waitMs = 0);
 
