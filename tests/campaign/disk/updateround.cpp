@@ -1,6 +1,7 @@
 #include "updateround.h"
 
 #include "fileidentity.h"
+#include "journal.h"
 #include "manifest.h"
 #include "treebuilder.h"
 
@@ -76,16 +77,17 @@ void AdaptJournal(const QString& parent, const QList<QPair<QByteArray, QByteArra
     for (const QString& name : {S("/.app.kxjournal"), S("/..app.kxjournal.kxtmp")}) {
         if (!kxtest::Exists(parent + name))
             continue;
-        QList<QByteArray> lines = kxtest::Read(parent + name).split('\n');
-        for (QByteArray& line : lines) {
-            for (const auto& [before, now] : identities) {
-                if (line == "application " + before) {
-                    line = "application " + now;
-                    break;
-                }
+        guard::Journal journal;
+        // One that is cut knows nothing.
+        if (!guard::Journal::Parse(kxtest::Read(parent + name), &journal))
+            continue;
+        for (const auto& [before, now] : identities) {
+            if (journal.application == QString::fromUtf8(before)) {
+                journal.application = QString::fromUtf8(now);
+                break;
             }
         }
-        kxtest::Write(parent + name, lines.join('\n'));
+        kxtest::Write(parent + name, journal.Text());
     }
 }
 
@@ -155,6 +157,7 @@ UpdateRound::UpdateRound(const QString& directory, const QString& serverRoot, co
     kxtest::TreeBuilder(start + S("/cache")).File(S("other"), "not of the download\n");
     oldLines = kxtest::Snapshot(App(start));
     newLines = after.UpdatedFrom(before).Lines();
+    publishedLines = after.Lines();
     neighbours =
         kxtest::Snapshot(Parent(start)).filter(QRegularExpression(S("^(?!app/|app dir )")));
 }
@@ -220,7 +223,11 @@ UpdateRound::State UpdateRound::StateOf(const QString& place) const
     const QStringList lines = kxtest::Snapshot(App(place));
     if (lines == oldLines)
         return State::Old;
-    return lines == newLines ? State::New : State::Broken;
+    const bool isNew = lines.size() == newLines.size() &&
+                       std::all_of(lines.begin(), lines.end(), [this](const QString& line) {
+                           return newLines.contains(line) || publishedLines.contains(line);
+                       });
+    return isNew ? State::New : State::Broken;
 }
 
 QString UpdateRound::WholeProblem(const QString& place, std::initializer_list<State> allowed) const

@@ -47,6 +47,8 @@ public:
     const QStringList& New() const { return newLines; }
 
     enum class State { Old, New, Missing, Broken };
+    /** New is also a tree in which a file has the published mode instead of the installed one: that
+     *  of a file that was downloaded because the installed one could not be read. */
     State StateOf(const QString& place) const;
     /** What is wrong with an application that has to be whole, and with what is beside it; empty
      *  when nothing is. `allowed`: what it may be. */
@@ -63,6 +65,7 @@ private:
     QString baseUrl;
     QStringList oldLines;
     QStringList newLines;
+    QStringList publishedLines;
     QStringList neighbours;
 };
 
