@@ -24,6 +24,7 @@
 #include <functional>
 #include <memory>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -94,6 +95,7 @@ private Q_SLOTS:
     void WhatIsPlantedInTheDownloadIsRefused_data();
     void WhatIsPlantedInTheDownloadIsRefused();
     void DownloadThatOthersMayWriteIsRefused();
+    void DownloadBelowTheDirectoryOfAnotherIsRefused();
     void ChangeAfterTheCheckIsRefused();
     void SecondUpdaterIsRefused();
     void LockIsNotForOtherUsers();
@@ -347,6 +349,17 @@ void TestAttacks::DownloadThatOthersMayWriteIsRefused()
     Offer(QStringLiteral("2.0"));
     QVERIFY(rig->Assemble());
     kxtest::SetMode(rig->Next() + QStringLiteral("/bin"), 0777);
+    ExpectRefusal(guard::PackageExposed);
+}
+
+void TestAttacks::DownloadBelowTheDirectoryOfAnotherIsRefused()
+{
+    if (geteuid() != 0)
+        QSKIP("only root may give a directory away");
+    Offer(QStringLiteral("2.0"));
+    QVERIFY(rig->Assemble());
+    constexpr uid_t nobody = 65534;
+    QCOMPARE(chown(QFile::encodeName(rig->Root()), nobody, nobody), 0);
     ExpectRefusal(guard::PackageExposed);
 }
 

@@ -27,8 +27,13 @@ QString ParentExposure(const QString& path)
     QString above = QFileInfo(QFileInfo(path).absolutePath()).canonicalFilePath();
     while (!above.isEmpty()) {
         struct stat status = {};
-        if (::stat(QFile::encodeName(above).constData(), &status) == 0 &&
-            (status.st_mode & S_IWOTH) && !(status.st_mode & S_ISVTX))
+        const bool isKnown = ::stat(QFile::encodeName(above).constData(), &status) == 0;
+        // Who owns a directory may put another one into the place of what it holds.
+        if (isKnown && status.st_uid != ::geteuid() && status.st_uid != 0)
+            return QStringLiteral("'%1', which holds it, belongs to another user (%2)")
+                .arg(above)
+                .arg(status.st_uid);
+        if (isKnown && (status.st_mode & S_IWOTH) && !(status.st_mode & S_ISVTX))
             return QStringLiteral("'%1', which holds it, may be written by everybody").arg(above);
         if (QDir(above).isRoot())
             break;
