@@ -132,6 +132,12 @@ void TstKxupdateConfig::BadFilesNameTheirLine_data()
     const auto row = [](const char* name, const QByteArray& lines, const char* message) {
         QTest::newRow(name) << lines << message;
     };
+    row("mark of byte order in a value",
+        "timeout = \xef\xbb\xbf"
+        "20\n",
+        "hello.conf:8: timeout");
+    row("mark of byte order in a later line", "\xef\xbb\xbftimeout = 20\n",
+        "hello.conf:8: unknown key");
     row("unknown key", "colour = red\n", "hello.conf:8: unknown key 'colour'; known are url,");
     row("key in capitals", "Proxy = none\n", "hello.conf:8: unknown key 'Proxy'");
     row("name of the option", "current = 1\n", "hello.conf:8: unknown key 'current'");

@@ -15,6 +15,14 @@ const QByteArray byteOrderMark("\xef\xbb\xbf");
 // A publisher who changes keys has two for a while.
 const QString repeatable = QStringLiteral("key");
 
+// Letter for letter: a decoder without the flag drops a mark of byte order at the beginning.
+QString Decoded(const QByteArray& bytes)
+{
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless |
+                                                     QStringDecoder::Flag::ConvertInitialBom);
+    return decoder.decode(bytes);
+}
+
 bool IsBlank(char c)
 {
     return c == ' ' || c == '\t' || c == '\r';
@@ -151,7 +159,7 @@ QString ConfigFile::ParseLine(const QByteArray& line, int number, qsizetype begi
                    ? QStringLiteral("%1: there are no sections here").arg(Quoted(text))
                    : QStringLiteral("the line is neither 'key = value' nor a comment");
 
-    const QString key = QString::fromUtf8(line.left(equals).trimmed());
+    const QString key = Decoded(line.left(equals).trimmed());
     if (!Keys().contains(key))
         return QStringLiteral("unknown key %1; known are %2")
             .arg(Quoted(key), Keys().join(QStringLiteral(", ")));
@@ -166,7 +174,7 @@ QString ConfigFile::ParseLine(const QByteArray& line, int number, qsizetype begi
         ++first;
     while (last > first && IsBlank(line.at(last - 1)))
         --last;
-    const Entry entry = {QString::fromUtf8(line.mid(first, last - first)), number, begin + first,
+    const Entry entry = {Decoded(line.mid(first, last - first)), number, begin + first,
                          last - first};
     if (entry.value.isEmpty())
         return QStringLiteral("%1 has no value").arg(Quoted(key));
