@@ -109,6 +109,10 @@ private Q_SLOTS:
     void JournalOfAnotherApplicationLeadsToNoRemoval();
     void JournalAfterChangesByHandLeadsToNoRemoval_data();
     void JournalAfterChangesByHandLeadsToNoRemoval();
+    void OldVersionOutlivesWhatTookItsPlace_data();
+    void OldVersionOutlivesWhatTookItsPlace();
+    void ProgramThatWasChangedIsNoObstacle_data();
+    void ProgramThatWasChangedIsNoObstacle();
     void LinksThatTookThePlaceOfTreesLeadNowhere_data();
     void LinksThatTookThePlaceOfTreesLeadNowhere();
 
@@ -692,6 +696,72 @@ void TestRecover::JournalAfterChangesByHandLeadsToNoRemoval()
     QVERIFY2(Trees() == before, Told(recovery) + '\n' + site->Report());
     const Recovery again = Recover(app);
     QVERIFY2(Trees() == before, Told(again) + '\n' + site->Report());
+}
+
+void TestRecover::OldVersionOutlivesWhatTookItsPlace_data()
+{
+    QTest::addColumn<QStringList>("names"); // of what stands in the application's place
+    QTest::addColumn<bool>("isCopied");     // the backup is another directory with its contents
+    QTest::newRow("log of the program that goes on running") << QStringList{"log/today"} << false;
+    QTest::newRow("part of the new version, and a log")
+        << QStringList{"data/same", "log/today"} << false;
+    QTest::newRow("part of the new version, and the identities have changed")
+        << QStringList{"data/same"} << true;
+}
+
+void TestRecover::OldVersionOutlivesWhatTookItsPlace()
+{
+    QFETCH(const QStringList, names);
+    QFETCH(const bool, isCopied);
+    QVERIFY(InstallAndDie(*site, {"--die-at", "MOVING"}));
+    for (const QString& name : names)
+        TreeBuilder(site->App()).File(name, "same");
+    if (isCopied) {
+        const QString aside = site->Scratch("aside") + "/tree";
+        Move(site->Backup(), aside);
+        CopyTree(aside, site->Backup());
+    }
+    const QStringList before = Trees();
+    for (int i = 0; i < 2; ++i) {
+        const Recovery recovery = Recover(site->App());
+        QVERIFY2(recovery.state == RecoveryState::Failed, Told(recovery));
+        QVERIFY2(recovery.text.contains(site->Backup()), Told(recovery));
+        QVERIFY2(Trees() == before, Told(recovery) + '\n' + site->Report());
+    }
+    // An install would remove the backup first.
+    GuardChild child({"install", site->App(), site->Next(), site->XmlFile()});
+    const QString output = child.Finish();
+    QVERIFY2(output.contains("guard 620103"), qPrintable(output));
+    QVERIFY2(Trees() == before, site->Report());
+
+    // As the text says.
+    kxtest::Remove(site->App());
+    Move(site->Backup(), site->App());
+    QVERIFY(Recover(site->App()).IsWhole());
+    QVERIFY2(isCopied || site->IsOld(), site->Report());
+    QVERIFY(!Exists(site->Journal()));
+}
+
+void TestRecover::ProgramThatWasChangedIsNoObstacle_data()
+{
+    QTest::addColumn<QString>("state");
+    QTest::newRow("the old version was copied back") << "MOVING";
+    QTest::newRow("the new one wrote a file of its own anew") << "BACKUPCLEARING";
+}
+
+void TestRecover::ProgramThatWasChangedIsNoObstacle()
+{
+    QFETCH(const QString, state);
+    QVERIFY(InstallAndDie(*site, {"--die-at", state}));
+    if (state == "MOVING")
+        CopyTree(site->Backup(), site->App());
+    else
+        kxtest::Write(site->App() + "/data/same", "longer than it was");
+    const QStringList before = Trees();
+    const Recovery recovery = Recover(site->App());
+    QVERIFY2(recovery.state == RecoveryState::Cleaned, Told(recovery));
+    QCOMPARE(Trees(), before);
+    QVERIFY(!Exists(site->Journal()));
 }
 
 void TestRecover::LinksThatTookThePlaceOfTreesLeadNowhere_data()

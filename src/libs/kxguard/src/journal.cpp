@@ -9,6 +9,9 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
+#include <QSet>
+
+#include <algorithm>
 
 namespace guard {
 namespace {
@@ -145,6 +148,16 @@ Journal::Match Journal::Compare(const QList<InventoryEntry>& tree) const
     if (wanted.isEmpty())
         return Match::Complete;
     return hasOthers ? Match::Other : Match::Part;
+}
+
+bool Journal::HasAllNames(const QList<InventoryEntry>& tree) const
+{
+    QSet<QString> names;
+    for (const InventoryEntry& entry : tree)
+        names.insert(entry.name);
+    return std::all_of(entries.begin(), entries.end(), [&names](const InventoryEntry& entry) {
+        return names.contains(entry.name);
+    });
 }
 
 } // namespace guard

@@ -44,6 +44,8 @@ struct Journal
         Other     //!< something is missing, and something else is there
     };
     Match Compare(const QList<InventoryEntry>& tree) const;
+    /** Whether nothing of the new version is missing, though it may have another size or kind. */
+    bool HasAllNames(const QList<InventoryEntry>& tree) const;
 };
 
 } // namespace guard

@@ -61,6 +61,7 @@ public:
 
 private:
     bool IsOldVersion(const QString& path) const;
+    bool IsProgram(const QList<InventoryEntry>& entries) const;
     QString PutBack();
     QString Decide();
     QString CleanUp();
@@ -95,6 +96,19 @@ bool Recoverer::IsOldVersion(const QString& path) const
     // Where the system does not tell directories apart, their names have to do.
     const QString identity = IdentityOf(path);
     return journal.application.isEmpty() || identity.isEmpty() || identity == journal.application;
+}
+
+// Whether a tree that is not what the install was putting there is a program all the same: the new
+// version with changes, or a copy of the old one. A few files are none: a program that went on
+// running, or whoever writes its logs, makes its directory again while it is moved aside.
+bool Recoverer::IsProgram(const QList<InventoryEntry>& entries) const
+{
+    if (journal.HasAllNames(entries))
+        return true;
+    Journal oldOne;
+    QString unreadable;
+    return TakeInventory(old, &oldOne.entries, &unreadable) && !oldOne.entries.isEmpty() &&
+           oldOne.Compare(entries) == Journal::Match::Complete;
 }
 
 // The old version, aside in the backup, comes back to its place.
@@ -135,12 +149,24 @@ QString Recoverer::Decide()
         return QString();
     }
     if (match == Journal::Match::Other) {
+        // Said to be whole, the next install would remove the old version as a backup of no use.
+        if (hasOld && !IsProgram(entries))
+            return QStringLiteral("'%1' holds neither the old version nor the new one, and the old "
+                                  "one is in '%2': remove the first and rename the second back, or "
+                                  "remove the second")
+                .arg(app, old);
         isForeign = true;
         Say(QStringLiteral("'%1' holds something else than the interrupted install was putting "
                            "there, so '%2' is left alone.")
                 .arg(app, old));
         return QString();
     }
+    // The numbers that tell directories apart are others after each start on some file systems.
+    if (!hasOld && StandingAt(old) == Standing::Directory)
+        return QStringLiteral("'%1' holds only a part of the version that an interrupted install "
+                              "was putting there, and whether '%2' is the old one cannot be told: "
+                              "remove the first and rename the second back, or remove the second")
+            .arg(app, old);
     if (!hasOld) {
         state = RecoveryState::Absent;
         Say(QStringLiteral("'%1' holds only a part of the version that an interrupted install was "

@@ -15,7 +15,8 @@ enum class RecoveryState {
               //!< of the old one is removed
     Cleaned,  //!< the application stands; what an interrupted install left beside it is removed
     Busy,     //!< an install is under way in another process: nothing was done
-    Failed    //!< something could not be read, renamed or removed; nothing is lost
+    Failed    //!< something could not be read, renamed or removed, or neither version stands in the
+              //!< application's place, with the old one aside; nothing is lost
 };
 
 /** What Recover() found and did. */
