@@ -12,9 +12,12 @@
 #include <kxguard/recover.h>
 
 #include <QFile>
+#include <QSemaphore>
 #include <QTest>
 
+#include <atomic>
 #include <memory>
+#include <thread>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -79,6 +82,12 @@ private Q_SLOTS:
     void WhatCannotBeRecoveredIsRefused();
     void GuardRecoversForTheHolderOfTheLock();
     void DeletedGuardLeavesTheSwapToRecover();
+    void DeletedGuardWaitsForItsChecks();
+    void SwapWithoutItsGuardStaysLocked();
+    void OldVersionThatIsPutBackByHandSurvives_data();
+    void OldVersionThatIsPutBackByHandSurvives();
+    void UnlockDuringTheChecksKeepsItLocked();
+    void LockOfAnotherApplicationIsRefusedDuringAnInstall();
 
     void RunningProgramIsRefusedWhenAsked_data();
     void RunningProgramIsRefusedWhenAsked();
@@ -507,6 +516,130 @@ void TestInstallGuardSwap::DeletedGuardLeavesTheSwapToRecover()
     const guard::Recovery recovery = guard::Recover(site->App());
     QVERIFY2(recovery.IsWhole(), qPrintable(recovery.text));
     QVERIFY2(site->IsOld() || site->IsNew(), site->Report());
+}
+
+void TestInstallGuardSwap::DeletedGuardWaitsForItsChecks()
+{
+    GuardedUpdater guarded(*site);
+    QSemaphore reached;
+    QSemaphore leave;
+    HostCallback host;
+    host.action = [&] {
+        reached.release();
+        leave.acquire();
+    };
+    guarded.Guard().SetCallback(&host);
+    guarded.Updater()->Install();
+    QVERIFY(guarded.Reach("APPCALLBACK"));
+    QVERIFY(reached.tryAcquire(1, kxtest::patience));
+    std::atomic<bool> isLeft{false};
+    std::thread other([&] {
+        // The guard is being deleted by then, or will find the callback at its end.
+        std::this_thread::yield();
+        isLeft = true;
+        leave.release();
+    });
+    guarded.DeleteGuard();
+    QVERIFY(isLeft);
+    other.join();
+    QCOMPARE(guarded.Updater()->AppCallback(), nullptr);
+    QTRY_COMPARE_WITH_TIMEOUT(guarded.Ends().value(0), QString("finished"), kxtest::patience);
+    QCOMPARE(FileLock::OwnerOf(site->LockFile()).process, qint64(0));
+    QVERIFY2(site->IsNew(), site->Report());
+}
+
+void TestInstallGuardSwap::SwapWithoutItsGuardStaysLocked()
+{
+    GuardedUpdater guarded(*site);
+    std::unique_ptr<kxtest::StepGate> gate;
+    guarded.AtState(
+        "MOVING", [&] { gate = std::make_unique<kxtest::StepGate>(common::fileops::Step::Place); });
+    guarded.Updater()->Install();
+    QVERIFY(guarded.Reach("MOVING"));
+    guarded.DeleteGuard();
+    QTRY_VERIFY_WITH_TIMEOUT(gate->IsHeld(), kxtest::patience);
+    // Another process would put the old version back, and the updater remove it as its own copy.
+    GuardChild other({"recover", site->App(), "0"});
+    const QString told = other.Line();
+    QVERIFY2(told.startsWith(QString::number(int(guard::RecoveryState::Busy))), qPrintable(told));
+    gate->ReleaseSoon();
+    guarded.Updater()->Cancel();
+    QTRY_COMPARE_WITH_TIMEOUT(guarded.Ends(), QStringList("canceled"), kxtest::patience);
+    gate.reset();
+    QVERIFY2(site->IsOld(), site->Report());
+}
+
+void TestInstallGuardSwap::OldVersionThatIsPutBackByHandSurvives_data()
+{
+    QTest::addColumn<bool>("isDeleted");
+    QTest::newRow("guard") << false;
+    QTest::newRow("guard that was deleted meanwhile") << true;
+}
+
+void TestInstallGuardSwap::OldVersionThatIsPutBackByHandSurvives()
+{
+    QFETCH(const bool, isDeleted);
+    GuardedUpdater guarded(*site);
+    std::unique_ptr<kxtest::StepHook> hook;
+    // An administrator who finds the program missing while the new one is being copied.
+    guarded.AtState("MOVING", [&] {
+        hook = std::make_unique<kxtest::StepHook>([this](common::fileops::Step step) {
+            if (step == common::fileops::Step::Place)
+                ::rename(qPrintable(site->Backup()), qPrintable(site->App()));
+            return 0;
+        });
+    });
+    guarded.Updater()->Install();
+    QVERIFY(guarded.Reach("BACKUPING"));
+    if (isDeleted)
+        guarded.DeleteGuard();
+    QTRY_COMPARE_WITH_TIMEOUT(guarded.Ends().value(0), QString("failed"), kxtest::patience);
+    hook.reset();
+    QVERIFY2(site->IsOld(), guarded.Report() + '\n' + site->Report());
+}
+
+void TestInstallGuardSwap::UnlockDuringTheChecksKeepsItLocked()
+{
+    GuardedUpdater guarded(*site);
+    QVERIFY(!guarded.Guard().Lock());
+    QSemaphore reached;
+    QSemaphore leave;
+    HostCallback host;
+    host.action = [&] {
+        reached.release();
+        leave.acquire();
+    };
+    guarded.Guard().SetCallback(&host);
+    guarded.Updater()->Install();
+    QVERIFY(guarded.Reach("APPCALLBACK"));
+    QVERIFY(reached.tryAcquire(1, kxtest::patience));
+    guarded.Guard().Unlock();
+    const bool isLocked = guarded.Guard().IsLocked();
+    const guard::RecoveryState state = guarded.Guard().Recover().state;
+    leave.release();
+    QTRY_COMPARE_WITH_TIMEOUT(guarded.Ends().value(0), QString("finished"), kxtest::patience);
+    QVERIFY(isLocked);
+    QCOMPARE(int(state), int(guard::RecoveryState::Busy));
+    QVERIFY(!guarded.Guard().IsLocked());
+    QVERIFY2(site->IsNew(), site->Report());
+}
+
+void TestInstallGuardSwap::LockOfAnotherApplicationIsRefusedDuringAnInstall()
+{
+    GuardedUpdater guarded(*site);
+    guard::Problem problem;
+    qint64 owner = 0;
+    guarded.AtState("BACKUPCLEARING", [&] {
+        guarded.Updater()->SetLocalPackagePath(site->Root() + "/other");
+        problem = guarded.Guard().Lock();
+        guarded.Updater()->SetLocalPackagePath(site->App());
+        owner = OwnerSeenFromOutside(site->LockFile());
+    });
+    QVERIFY2(guarded.Install(), guarded.Report());
+    QCOMPARE(problem.code, int(guard::InstallBusy));
+    QVERIFY2(problem.text.contains(site->App()), qPrintable(problem.text));
+    QCOMPARE(owner, qint64(::getpid()));
+    QVERIFY2(site->IsNew(), site->Report());
 }
 
 void TestInstallGuardSwap::RunningProgramIsRefusedWhenAsked_data()

@@ -6,6 +6,7 @@
 #include "packagecheck.h"
 #include "recovery.h"
 #include "runningprograms.h"
+#include "swapkeeper.h"
 
 #include <kxcommon/durablefiles.h>
 #include <kxcommon/version.h>
@@ -19,6 +20,7 @@
 #include <QFileInfo>
 #include <QMutex>
 #include <QPointer>
+#include <QWaitCondition>
 
 #include <filesystem>
 
@@ -151,10 +153,10 @@ Problem CheckRunning(const QString& app, const Settings& settings)
                 .arg(program.path)};
 }
 
-Problem WriteJournal(const QString& app, const QList<InventoryEntry>& entries)
+Problem WriteJournal(const QString& app, const QList<InventoryEntry>& entries, QString* oldVersion)
 {
     Journal journal;
-    journal.application = IdentityOf(app);
+    *oldVersion = journal.application = IdentityOf(app);
     journal.backup = IdentityOf(BackupPath(app));
     journal.entries = entries;
     const QString text = common::DurableFiles::Write(Journal::PathFor(app), journal.Text());
@@ -174,6 +176,9 @@ public:
                     QList<InventoryEntry>* inventory);
     int Refuse(const Problem& problem);
     void ReleaseAfterInstall();
+    /** The whole of Call(). */
+    int Check(const QString& download, const QString& localPackagePath);
+    bool IsUnderWay() const { return isCalled || isSwapPending; }
 
     QPointer<updater::IUpdater> updater;
 
@@ -182,7 +187,10 @@ public:
     Problem last;
     std::unique_ptr<FileLock> lock;
     QString lockedApp;
+    QString oldVersion; // identity of the application directory that a swap moves aside
+    QWaitCondition callEnded;
     bool isLockKept = false;    // by the host, beyond one install
+    bool isCalled = false;      // the callback's thread is at work
     bool isSwapPending = false; // the journal is written
 };
 
@@ -256,11 +264,41 @@ void InstallGuard::Private::ReleaseAfterInstall()
     lockedApp.clear();
 }
 
+int InstallGuard::Private::Check(const QString& download, const QString& localPackagePath)
+{
+    const QString app = QDir::cleanPath(localPackagePath);
+    QMutexLocker locker(&mutex);
+    last = Problem();
+    const Settings with = settings;
+    locker.unlock();
+
+    QList<InventoryEntry> inventory;
+    if (const Problem problem = Prepare(download, app, with, &inventory))
+        return Refuse(problem);
+    const int code = with.callback ? with.callback->Call(download, localPackagePath) : 0;
+    if (code != 0) {
+        Refuse(Problem());
+        return code;
+    }
+    // Names and times only, but of the moment before the swap: what the callback has let in, or
+    // somebody has changed while the files were read, is seen.
+    if (const Problem problem = CheckUnchanged(download, inventory))
+        return Refuse(problem);
+    QString identity;
+    if (const Problem problem = WriteJournal(app, inventory, &identity))
+        return Refuse(problem);
+    locker.relock();
+    oldVersion = identity;
+    isSwapPending = true;
+    return 0;
+}
+
 InstallGuard::InstallGuard(updater::IUpdater* updater, QObject* parent)
     : QObject(parent), d(std::make_unique<Private>())
 {
     d->updater = updater;
     connect(updater, SIGNAL(installing()), SLOT(OnInstalling()));
+    connect(updater, SIGNAL(stateChanged(const QString&)), SLOT(OnStateChanged(const QString&)));
     connect(updater, SIGNAL(finished()), SLOT(OnEnded()));
     connect(updater, SIGNAL(failed()), SLOT(OnEnded()));
     connect(updater, SIGNAL(canceled()), SLOT(OnEnded()));
@@ -273,6 +311,12 @@ InstallGuard::~InstallGuard()
 {
     if (d->updater && d->updater->AppCallback() == this)
         d->updater->SetAppCallback(nullptr);
+    QMutexLocker locker(&d->mutex);
+    while (d->isCalled)
+        d->callEnded.wait(&d->mutex);
+    // The updater goes on: another process must not take the swap for an interrupted one.
+    if (d->updater && d->isSwapPending)
+        new SwapKeeper(d->updater, std::move(d->lock), d->lockedApp, d->oldVersion);
 }
 
 void InstallGuard::SetCallback(updater::AppCallbackFunction* callback)
@@ -315,6 +359,9 @@ Problem InstallGuard::Lock(int waitMs)
 {
     const QString app = QDir::cleanPath(d->updater->LocalPackagePath());
     const QMutexLocker locker(&d->mutex);
+    // The lock of an install that is under way is not given up for another one.
+    if (d->IsUnderWay() && !d->lockedApp.isEmpty() && d->lockedApp != app)
+        return {InstallBusy, QStringLiteral("An install of '%1' is under way.").arg(d->lockedApp)};
     const Problem problem = d->TakeLock(app, waitMs);
     if (!problem)
         d->isLockKept = true;
@@ -325,7 +372,7 @@ void InstallGuard::Unlock()
 {
     const QMutexLocker locker(&d->mutex);
     d->isLockKept = false;
-    if (!d->isSwapPending)
+    if (!d->IsUnderWay())
         d->ReleaseAfterInstall();
 }
 
@@ -338,7 +385,7 @@ bool InstallGuard::IsLocked() const
 Recovery InstallGuard::Recover()
 {
     const QMutexLocker locker(&d->mutex);
-    if (d->lock && d->lock->IsHeld() && !d->isSwapPending)
+    if (d->lock && d->lock->IsHeld() && !d->IsUnderWay())
         return RecoverLocked(d->lockedApp, Removals::Do);
     return {RecoveryState::Busy, QStringLiteral("The application is not locked by this guard, or "
                                                 "being replaced.")};
@@ -358,30 +405,14 @@ QString InstallGuard::LastError() const
 
 int InstallGuard::Call(const QString& downloadPath, const QString& localPackagePath)
 {
-    const QString app = QDir::cleanPath(localPackagePath);
     QMutexLocker locker(&d->mutex);
-    d->last = Problem();
-    const Settings settings = d->settings;
+    d->isCalled = true;
     locker.unlock();
-
-    QList<InventoryEntry> inventory;
-    if (const Problem problem = d->Prepare(downloadPath, app, settings, &inventory))
-        return d->Refuse(problem);
-    const int code =
-        settings.callback ? settings.callback->Call(downloadPath, localPackagePath) : 0;
-    if (code != 0) {
-        d->Refuse(Problem());
-        return code;
-    }
-    // Names and times only, but of the moment before the swap: what the callback has let in, or
-    // somebody has changed while the files were read, is seen.
-    if (const Problem problem = CheckUnchanged(downloadPath, inventory))
-        return d->Refuse(problem);
-    if (const Problem problem = WriteJournal(app, inventory))
-        return d->Refuse(problem);
+    const int code = d->Check(downloadPath, localPackagePath);
     locker.relock();
-    d->isSwapPending = true;
-    return 0;
+    d->isCalled = false;
+    d->callEnded.wakeAll();
+    return code;
 }
 
 void InstallGuard::OnInstalling()
@@ -393,6 +424,13 @@ void InstallGuard::OnInstalling()
     d->settings.checkedXml = d->updater->PackageXML();
     d->settings.serverVersion = d->updater->ServerVersion();
     d->settings.currentVersion = d->updater->CurrentVersion();
+}
+
+void InstallGuard::OnStateChanged(const QString& state)
+{
+    const QMutexLocker locker(&d->mutex);
+    if (d->isSwapPending && state == QLatin1String("REVERTING"))
+        KeepOldVersion(d->lockedApp, d->oldVersion);
 }
 
 void InstallGuard::OnEnded()

@@ -36,7 +36,9 @@ namespace guard {
  * lock is released.
  *
  * Owner thread only, which must be the updater's, except Call(), LastErrorCode() and LastError().
- * The updater must outlive the guard; the guard takes its callback back when it is deleted.
+ * The updater must outlive the guard; the guard takes its callback back when it is deleted. Deleted
+ * while an install is under way, it waits until its checks and the host's callback have returned;
+ * the swap then goes on under the lock, which is released at its end.
  */
 class KXGUARD_EXPORT InstallGuard : public QObject, public updater::AppCallbackFunction
 {
@@ -88,6 +90,7 @@ public:
 
 private Q_SLOTS:
     void OnInstalling();
+    void OnStateChanged(const QString& state);
     void OnEnded();
 
 private:
