@@ -60,15 +60,22 @@ private:
 
 } // namespace
 
-bool IsTree(const QString& xml)
+bool IsReadable(const QString& xml)
 {
+    constexpr int mostLevels = 256;
     QXmlStreamReader reader(xml);
     reader.setNamespaceProcessing(false);
     bool isLate = false;
+    int level = 0;
     while (!reader.atEnd()) {
         reader.readNext();
-        if (reader.isDTD() && isLate)
+        if (reader.isDTD() && (isLate || reader.text().contains(QLatin1String("<!ENTITY")) ||
+                               reader.text().contains(QLatin1String("<!ATTLIST"))))
             return false;
+        if (reader.isStartElement() && ++level > mostLevels)
+            return false;
+        if (reader.isEndElement())
+            --level;
         isLate = isLate || reader.isDTD() || reader.isStartElement();
     }
     return !reader.hasError();
@@ -87,7 +94,7 @@ ExpectedManifest ExpectManifest(const QString& xml, const QString& package)
         else if (reader.isEndElement())
             reading.Close(depth--);
     }
-    return reader.hasError() || !IsTree(xml) ? ExpectedManifest() : reading.result;
+    return !IsReadable(xml) ? ExpectedManifest() : reading.result;
 }
 
 bool IsPlainSize(const QString& text, quint64* value)

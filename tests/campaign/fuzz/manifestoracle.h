@@ -18,9 +18,12 @@ struct ExpectedManifest
     QList<QStringList> records;
 };
 
-/** True for XML that can be a document tree. A reader of one pass, as the oracles are, takes a
- *  document type where it stands: inside the root, behind it, and more than once. */
-bool IsTree(const QString& xml);
+/**
+ * True for XML that a client reads at all: no more than 256 levels deep, without declarations of
+ * entities and attributes, and a document tree. A reader of one pass, as the oracles are, takes a
+ * document type where it stands: inside the root, behind it, and more than once.
+ */
+bool IsReadable(const QString& xml);
 
 /** Reads `xml` in one pass, with nothing of the library's reader, which goes by a document tree. */
 ExpectedManifest ExpectManifest(const QString& xml, const QString& package);
