@@ -315,11 +315,15 @@ private:
             Kill();
             return;
         }
-        inside = thread;
-        current = call;
-        killsAfter = verdict.what == Verdict::What::KillAfter;
         if (verdict.what == Verdict::What::Fail || verdict.what == Verdict::What::Swallow)
             Skip(thread, -qint64(verdict.what == Verdict::What::Fail ? verdict.error : 0));
+        killsAfter = verdict.what == Verdict::What::KillAfter;
+        if (!killsAfter && !watcher.WantsResults()) {
+            Resume(PTRACE_CONT, thread);
+            return;
+        }
+        inside = thread;
+        current = call;
         Resume(PTRACE_SYSCALL, thread);
     }
 

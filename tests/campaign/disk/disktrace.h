@@ -52,6 +52,9 @@ public:
     virtual ~DiskWatcher() = default;
     /** Before the call. */
     virtual Verdict Enter(const DiskCall& call) = 0;
+    /** Whether Leave() is to be called, and calls are let through one after the other: the program
+     *  stops twice at each then. */
+    virtual bool WantsResults() const { return true; }
     /** After it, unless the program was killed before. */
     virtual void Leave(const DiskCall& call) { Q_UNUSED(call) }
 };

@@ -87,6 +87,8 @@ public:
         return {Verdict::What::Fail, error};
     }
 
+    bool WantsResults() const override { return false; }
+
     QString hit; // the first call that failed
 };
 

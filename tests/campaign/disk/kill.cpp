@@ -72,6 +72,7 @@ struct Point
     bool isAfter;
     int failAt = 0;
     int error = 0;
+    bool isTool = false; //!< kxupdate instead of the small program
 };
 
 class KillCampaign
@@ -90,10 +91,11 @@ private:
     bool Record(Stopper* stopper, const QString& place, const TracedCommand& command);
     void AddPoints(std::vector<Point>* points, int from, int count, int failAt, int error) const;
     std::vector<Point> AllPoints();
+    std::vector<Point> ToolPoints();
     std::vector<Point> RollbackPoints(const std::vector<DiskCall>& calls);
     void Kill(const Point& point, int thread);
     void CheckRecovered(const QString& place, const QString& where);
-    void CheckNextUpdate(const QString& place, const QString& where);
+    void CheckNextUpdate(const TracedCommand& update, const QString& place, const QString& where);
     void KillRecovery(const QString& killed, int thread, const QString& where);
     void Fail(const QString& where, const QString& text);
 
@@ -108,6 +110,7 @@ private:
 public:
     std::atomic<int> kills{0};
     std::atomic<int> rollbackKills{0};
+    std::atomic<int> toolKills{0};
     std::atomic<int> recoveries{0};
     std::atomic<int> recoveryKills{0};
     std::atomic<int> late{0};
@@ -162,6 +165,24 @@ std::vector<Point> KillCampaign::AllPoints()
     AddPoints(&points, 1, calls, 0, 0);
     const std::vector<Point> rollback = RollbackPoints(whole.calls);
     points.insert(points.end(), rollback.begin(), rollback.end());
+    const std::vector<Point> tool = ToolPoints();
+    points.insert(points.end(), tool.begin(), tool.end());
+    return points;
+}
+
+// The tool does the same and a little more: one call in five.
+std::vector<Point> KillCampaign::ToolPoints()
+{
+    const QString place = Place(0);
+    round.Lay(place);
+    Stopper whole;
+    if (!Record(&whole, place, round.UpdateWithTool(place)))
+        return {};
+    std::vector<Point> points;
+    for (int number = 1; number <= int(whole.calls.size()); ++number) {
+        if (number % 5 == 0)
+            points.push_back({number, number % 2 == 0, 0, 0, true});
+    }
     return points;
 }
 
@@ -212,14 +233,17 @@ void KillCampaign::Kill(const Point& point, int thread)
     stopper.isAfter = point.isAfter;
     stopper.failAt = point.failAt;
     stopper.error = point.error;
-    const TracedEnd end = campaign::RunTraced(round.Update(place), stopper);
+    const TracedCommand update = point.isTool ? round.UpdateWithTool(place) : round.Update(place);
+    const TracedEnd end = campaign::RunTraced(update, stopper);
     QString where = S("%1 call %2, %3")
                         .arg(point.isAfter ? S("after") : S("before"))
                         .arg(point.killAt)
                         .arg(stopper.Last());
     if (point.failAt > 0)
         where += S(" (call %1 failed)").arg(point.failAt);
-    ++(point.failAt > 0 ? rollbackKills : kills);
+    if (point.isTool)
+        where += S(" (kxupdate)");
+    ++(point.isTool ? toolKills : point.failAt > 0 ? rollbackKills : kills);
     if (!end.isKilled) {
         // Data arrives in other pieces each time: this run had fewer calls.
         ++late;
@@ -232,7 +256,7 @@ void KillCampaign::Kill(const Point& point, int thread)
     if (isEachRecoveryKilled)
         KillRecovery(place, thread, where);
     CheckRecovered(place, where);
-    CheckNextUpdate(place, where);
+    CheckNextUpdate(update, place, where);
 }
 
 void KillCampaign::CheckRecovered(const QString& place, const QString& where)
@@ -259,9 +283,10 @@ void KillCampaign::CheckRecovered(const QString& place, const QString& where)
         Fail(where, S("a second recovery changed something: ") + difference);
 }
 
-void KillCampaign::CheckNextUpdate(const QString& place, const QString& where)
+void KillCampaign::CheckNextUpdate(const TracedCommand& update, const QString& place,
+                                   const QString& where)
 {
-    const TracedEnd end = campaign::RunPlain(round.Update(place));
+    const TracedEnd end = campaign::RunPlain(update);
     QString problem;
     if (end.status != 0)
         problem = S("the next update ended with status %1, signal %2: %3")
@@ -276,8 +301,8 @@ void KillCampaign::CheckNextUpdate(const QString& place, const QString& where)
         Fail(where + S(", after the next update"), problem);
 }
 
-// Kills the recovery of what a kill has left, at each of its own calls. States that look the same
-// are gone through once.
+// Kills the recovery of what a kill has left, at each of its own calls. That is for one in six of
+// the states that do not look the same.
 void KillCampaign::KillRecovery(const QString& killed, int thread, const QString& where)
 {
     const QByteArray look = kxtest::Snapshot(UpdateRound::Parent(killed)).join(u'\n').toUtf8();
@@ -286,6 +311,8 @@ void KillCampaign::KillRecovery(const QString& killed, int thread, const QString
         if (recoveredStates.contains(look))
             return;
         recoveredStates.insert(look);
+        if (recoveredStates.size() % 6 != 1)
+            return;
     }
     const QString place = directory + S("/again-%1").arg(thread);
     for (int killAt = 1;; ++killAt) {
@@ -343,12 +370,13 @@ int main(int argc, char** argv)
     qint64 calls = 0;
     qint64 kills = 0;
     qint64 rollbackKills = 0;
+    qint64 toolKills = 0;
     qint64 recoveryKills = 0;
     qint64 recoveries = 0;
     qint64 backToOld = 0;
     qint64 onToNew = 0;
     qint64 late = 0;
-    const int rounds = options.Rounds(1, 3);
+    const int rounds = options.Rounds(1, 2);
     for (int number = 0; number < rounds && !campaign.IsEnough(); ++number) {
         const quint32 seed = options.SeedOf(number);
         const QString directory = campaign.NewDirectory();
@@ -358,6 +386,7 @@ int main(int argc, char** argv)
         calls += one.calls;
         kills += one.kills;
         rollbackKills += one.rollbackKills;
+        toolKills += one.toolKills;
         recoveryKills += one.recoveryKills;
         recoveries += one.recoveries;
         backToOld += one.backToOld;
@@ -368,6 +397,7 @@ int main(int argc, char** argv)
     campaign.Figure(S("calls of the updates that change the disk"), calls);
     campaign.Figure(S("updates killed"), kills);
     campaign.Figure(S("failing swaps killed"), rollbackKills);
+    campaign.Figure(S("updates with kxupdate killed"), toolKills);
     campaign.Figure(S("recoveries killed"), recoveryKills);
     campaign.Figure(S("runs that ended before their kill"), late);
     campaign.Figure(S("recoveries checked"), recoveries);

@@ -202,7 +202,7 @@ void PowerCampaign::CheckState(const Recording& recording, const CrashStates& st
         if (!problem.isEmpty())
             Fail(where(), problem);
     }
-    if (isLong && item % 40 == 7) {
+    if (isLong && item % 200 == 7) {
         Lay(recording, model, place);
         CheckRecovery(place, order, where(), thread);
     }
@@ -332,7 +332,7 @@ int main(int argc, char** argv)
     if (!server.Start())
         qFatal("no web server: %s", qPrintable(server.Error()));
 
-    const int rounds = options.Rounds(1, 3);
+    const int rounds = options.Rounds(1, 2);
     qint64 steps = 0;
     qint64 mutations = 0;
     PowerCampaign::Counts sums[2];

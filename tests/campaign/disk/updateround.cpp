@@ -38,6 +38,7 @@ class Idle : public DiskWatcher
 {
 public:
     Verdict Enter(const DiskCall&) override { return {}; }
+    bool WantsResults() const override { return false; }
 };
 
 void CopyEntries(const fs::path& from, const fs::path& to)
