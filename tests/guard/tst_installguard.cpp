@@ -74,6 +74,8 @@ private Q_SLOTS:
 
     void PackageIsRefused_data();
     void PackageIsRefused();
+    void LinkOnTheWayIsJudged_data();
+    void LinkOnTheWayIsJudged();
     void PackageIsAccepted_data();
     void PackageIsAccepted();
     void UnreadablePackageIsRefused_data();
@@ -262,6 +264,7 @@ void TestInstallGuard::PackageIsRefused_data()
     row("directory of another user", guard::PackageExposed, "lib");
     row("link of another user", guard::PackageExposed, "lib/link");
     row("root of another user", guard::PackageExposed, "");
+    row("in a directory of another user", guard::PackageExposed, "..");
 }
 
 void TestInstallGuard::PackageIsRefused()
@@ -331,6 +334,39 @@ void TestInstallGuard::PackageIsRefused()
         kxtest::SetMode(path, change.contains("sticky") ? 01777 : 0777);
     }
     Refuses(code, {named.isEmpty() ? site->Next() : named == ".." ? site->Root() : named});
+}
+
+void TestInstallGuard::LinkOnTheWayIsJudged_data()
+{
+    QTest::addColumn<QString>("change");
+    QTest::addColumn<bool>("isExposed");
+    QTest::newRow("link of one's own") << "none" << false;
+    QTest::newRow("in a directory of another user") << "directory" << true;
+    QTest::newRow("of another user, in a directory for temporary files") << "link" << true;
+    QTest::newRow("to a link in a directory of another user") << "second" << true;
+}
+
+void TestInstallGuard::LinkOnTheWayIsJudged()
+{
+    QFETCH(const QString, change);
+    QFETCH(const bool, isExposed);
+    if (isExposed && ::geteuid() != 0)
+        QSKIP("only root can leave the entry of another user");
+    const QString place = site->Scratch("place");
+    TreeBuilder(place).Symlink("link", "other/../other/link").Dir("other");
+    TreeBuilder(place + "/other").Symlink("link", site->Root());
+    if (change == "directory")
+        QCOMPARE(::lchown(qPrintable(place), 65534, 65534), 0);
+    else if (change == "link")
+        QCOMPARE(::lchown(qPrintable(place + "/link"), 65534, 65534), 0);
+    else if (change == "second")
+        QCOMPARE(::lchown(qPrintable(place + "/other"), 65534, 65534), 0);
+    kxtest::SetMode(place, 01777);
+    GuardedUpdater guarded(*site);
+    guarded.Updater()->SetDownloadPath(place + "/link/next");
+    QVERIFY2(guarded.Install() != isExposed, guarded.Report());
+    QVERIFY2(guarded.Code() == (isExposed ? guard::PackageExposed : 0), guarded.Report());
+    QVERIFY2(isExposed ? site->IsOld() : site->IsNew(), site->Report());
 }
 
 void TestInstallGuard::PackageIsAccepted_data()

@@ -12,8 +12,9 @@ namespace guard {
  */
 QString Exposure(const QString& path, bool isMeantWritable = false);
 
-/** The same for the directories above `path`: in one that all may write, without the restriction
- *  that temporary directories have, anybody may put another entry at the path. */
+/** Why another user may put another entry at `path`: the same for the directories above it, and for
+ *  links on the way. A directory that all may write is accepted with the restriction that temporary
+ *  directories have. */
 QString ParentExposure(const QString& path);
 
 } // namespace guard

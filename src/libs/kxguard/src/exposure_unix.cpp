@@ -1,13 +1,52 @@
 #include "exposure.h"
 
+#include "nativepath.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QStringList>
+
+#include <filesystem>
+#include <system_error>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace guard {
+namespace {
+
+// In a name space of users the administrator outside has another number: that of the root
+// directory.
+bool IsOthers(const struct stat& status)
+{
+    struct stat root = {};
+    return status.st_uid != ::geteuid() && status.st_uid != 0 &&
+           (::stat("/", &root) != 0 || status.st_uid != root.st_uid);
+}
+
+// Of a directory above the one that is looked at.
+QString DirectoryExposure(const QString& path)
+{
+    struct stat status = {};
+    if (::lstat(QFile::encodeName(path).constData(), &status) != 0)
+        return QString();
+    if ((status.st_mode & S_IWOTH) && !(status.st_mode & S_ISVTX))
+        return QStringLiteral("'%1', which holds it, may be written by everybody").arg(path);
+    if (IsOthers(status))
+        return QStringLiteral("'%1', which holds it, belongs to another user (%2)")
+            .arg(path)
+            .arg(status.st_uid);
+    return QString();
+}
+
+QString LinkTarget(const QString& path)
+{
+    std::error_code ignored;
+    return FromNative(std::filesystem::read_symlink(ToNative(path), ignored));
+}
+
+} // namespace
 
 QString Exposure(const QString& path, bool isMeantWritable)
 {
@@ -23,23 +62,42 @@ QString Exposure(const QString& path, bool isMeantWritable)
 
 QString ParentExposure(const QString& path)
 {
-    // The directories that really hold it, also when a link leads there.
-    QString above = QFileInfo(QFileInfo(path).absolutePath()).canonicalFilePath();
-    while (!above.isEmpty()) {
+    // Step by step as the system goes, links included: whoever may exchange a directory on the way,
+    // or a link, may lead the path elsewhere after the last look.
+    constexpr int mostLinks = 40;
+    QStringList steps = QDir::current().absoluteFilePath(path).split(u'/', Qt::SkipEmptyParts);
+    if (!steps.isEmpty())
+        steps.removeLast();
+    QString at = QStringLiteral("/");
+    for (int links = 0;;) {
+        const QString text = DirectoryExposure(at);
+        if (!text.isEmpty() || steps.isEmpty())
+            return text;
+        const QString step = steps.takeFirst();
+        if (step == QLatin1String(".."))
+            at = QFileInfo(at).path();
+        if (step == QLatin1String(".") || step == QLatin1String(".."))
+            continue;
+        const QString next = at.endsWith(u'/') ? at + step : at + u'/' + step;
         struct stat status = {};
-        const bool isKnown = ::stat(QFile::encodeName(above).constData(), &status) == 0;
-        // Who owns a directory may put another one into the place of what it holds.
-        if (isKnown && status.st_uid != ::geteuid() && status.st_uid != 0)
-            return QStringLiteral("'%1', which holds it, belongs to another user (%2)")
-                .arg(above)
+        if (::lstat(QFile::encodeName(next).constData(), &status) != 0)
+            return QString();
+        if (!S_ISLNK(status.st_mode)) {
+            at = next;
+            continue;
+        }
+        if (IsOthers(status))
+            return QStringLiteral("the link '%1', which leads to it, belongs to another user (%2)")
+                .arg(next)
                 .arg(status.st_uid);
-        if (isKnown && (status.st_mode & S_IWOTH) && !(status.st_mode & S_ISVTX))
-            return QStringLiteral("'%1', which holds it, may be written by everybody").arg(above);
-        if (QDir(above).isRoot())
-            break;
-        above = QFileInfo(above).path();
+        // The system does not go on either.
+        if (++links > mostLinks)
+            return QString();
+        const QString target = LinkTarget(next);
+        if (target.startsWith(u'/'))
+            at = QStringLiteral("/");
+        steps = target.split(u'/', Qt::SkipEmptyParts) + steps;
     }
-    return QString();
 }
 
 } // namespace guard
