@@ -88,6 +88,7 @@ private Q_SLOTS:
     void OwnerIsToldToThoseWhoCannotReadTheFile();
     void OwnerThatCannotBeReadIsStillOne();
     void ReleaseLeavesTheFileOfTheNextOwner();
+    void LockWhoseFileIsRemovedIsLost();
     void FileThatIsRemovedBeforeItsLockIsNoLock();
     void ManyProcessesNeverOwnItTogether();
     void ManyThreadsNeverOwnItTogether();
@@ -429,6 +430,21 @@ void TestFileLock::ReleaseLeavesTheFileOfTheNextOwner()
     lock.Release();
     QVERIFY(kxtest::Exists(path));
     QVERIFY(OthersAreExcluded(path));
+    QCOMPARE(FileLock::OwnerOf(path).process, owner->Id());
+}
+
+void TestFileLock::LockWhoseFileIsRemovedIsLost()
+{
+    FileLock lock(path);
+    QCOMPARE(lock.Take(), Result::Taken);
+    kxtest::Remove(path);
+    QVERIFY(!lock.IsHeld());
+    QCOMPARE(lock.Take(), Result::Taken);
+    QVERIFY(OthersAreExcluded(path));
+    kxtest::Remove(path);
+    const std::unique_ptr<GuardChild> owner = Owner(path);
+    QVERIFY(!lock.IsHeld());
+    QCOMPARE(lock.Take(), Result::Busy);
     QCOMPARE(FileLock::OwnerOf(path).process, owner->Id());
 }
 

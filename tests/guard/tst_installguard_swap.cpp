@@ -87,6 +87,8 @@ private Q_SLOTS:
     void OldVersionThatIsPutBackByHandSurvives_data();
     void OldVersionThatIsPutBackByHandSurvives();
     void UnlockDuringTheChecksKeepsItLocked();
+    void LockThatWasClearedAwayIsTakenAgain_data();
+    void LockThatWasClearedAwayIsTakenAgain();
     void LockOfAnotherApplicationIsRefusedDuringAnInstall();
 
     void RunningProgramIsRefusedWhenAsked_data();
@@ -622,6 +624,50 @@ void TestInstallGuardSwap::UnlockDuringTheChecksKeepsItLocked()
     QCOMPARE(int(state), int(guard::RecoveryState::Busy));
     QVERIFY(!guarded.Guard().IsLocked());
     QVERIFY2(site->IsNew(), site->Report());
+}
+
+void TestInstallGuardSwap::LockThatWasClearedAwayIsTakenAgain_data()
+{
+    QTest::addColumn<bool>("isDuringTheChecks");
+    QTest::addColumn<bool>("hasOther");
+    for (const bool isDuring : {false, true}) {
+        const char* when = isDuring ? "during the checks" : "before the install";
+        QTest::addRow("%s, nobody else has it", when) << isDuring << false;
+        QTest::addRow("%s, somebody else has it", when) << isDuring << true;
+    }
+}
+
+void TestInstallGuardSwap::LockThatWasClearedAwayIsTakenAgain()
+{
+    QFETCH(const bool, isDuringTheChecks);
+    QFETCH(const bool, hasOther);
+    const QStringList app = Snapshot(site->App());
+    HostCallback host;
+    GuardedUpdater guarded(*site);
+    QVERIFY(!guarded.Guard().Lock());
+    FileLock other(site->LockFile());
+    const auto clearAway = [&] {
+        kxtest::Remove(site->LockFile());
+        if (hasOther)
+            other.Take();
+    };
+    if (isDuringTheChecks)
+        host.action = clearAway;
+    else
+        clearAway();
+    guarded.Guard().SetCallback(&host);
+    qint64 owner = 0;
+    guarded.AtState("MOVING", [&] { owner = OwnerSeenFromOutside(site->LockFile()); });
+    QVERIFY2(guarded.Install() != hasOther, guarded.Report());
+    if (hasOther) {
+        QVERIFY(other.IsHeld());
+        QVERIFY2(guarded.Code() == guard::InstallBusy, guarded.Report());
+        QCOMPARE(Snapshot(site->App()), app);
+        QVERIFY(!Exists(site->Journal()));
+    } else {
+        QCOMPARE(owner, qint64(::getpid()));
+        QCOMPARE(Snapshot(site->App()), site->NewTree());
+    }
 }
 
 void TestInstallGuardSwap::LockOfAnotherApplicationIsRefusedDuringAnInstall()

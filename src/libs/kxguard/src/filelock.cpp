@@ -56,6 +56,7 @@ FileLock::Result FileLock::Take(int waitMs)
 {
     if (IsHeld())
         return Result::Taken;
+    Release();
     const QDeadlineTimer deadline(waitMs);
     QByteArray holder;
     for (int tries = 1;; ++tries) {
@@ -79,7 +80,7 @@ void FileLock::Release()
 
 bool FileLock::IsHeld() const
 {
-    return handle->IsHeld();
+    return handle->IsHeld(path);
 }
 
 FileLock::Owner FileLock::OwnerOf(const QString& path)

@@ -19,7 +19,8 @@ struct FileLock::Handle
     Result Take(const QString& path, const QByteArray& text, QByteArray* holder, QString* reason);
     /** Removes the file, then lets it go. */
     void Release(const QString& path);
-    bool IsHeld() const;
+    /** `path`: what Take() was given. */
+    bool IsHeld(const QString& path) const;
 
     static bool IsLocked(const QString& path, QByteArray* holder);
 

@@ -146,9 +146,10 @@ void FileLock::Handle::Release(const QString& path)
     file = -1;
 }
 
-bool FileLock::Handle::IsHeld() const
+bool FileLock::Handle::IsHeld(const QString& path) const
 {
-    return file >= 0;
+    // Who tidies up by hand may have removed the file, and somebody else have made another one.
+    return file >= 0 && IsFileAt(QFile::encodeName(path).constData(), file);
 }
 
 bool FileLock::Handle::IsLocked(const QString& path, QByteArray* holder)

@@ -75,8 +75,9 @@ void FileLock::Handle::Release(const QString& path)
     file = nullptr;
 }
 
-bool FileLock::Handle::IsHeld() const
+bool FileLock::Handle::IsHeld(const QString&) const
 {
+    // A file that is open this way cannot be removed.
     return file != nullptr;
 }
 

@@ -284,6 +284,12 @@ int InstallGuard::Private::Check(const QString& download, const QString& localPa
     // somebody has changed while the files were read, is seen.
     if (const Problem problem = CheckUnchanged(download, inventory))
         return Refuse(problem);
+    // Its file may have been removed meanwhile.
+    locker.relock();
+    const Problem unlocked = TakeLock(app, 0);
+    locker.unlock();
+    if (unlocked)
+        return Refuse(unlocked);
     QString identity;
     if (const Problem problem = WriteJournal(app, inventory, &identity))
         return Refuse(problem);

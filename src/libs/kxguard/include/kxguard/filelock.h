@@ -32,7 +32,8 @@ public:
     Result Take(int waitMs = 0);
     /** Gives the lock back and removes its file; nothing without a lock. */
     void Release();
-    /** Whether this object has the lock. */
+    /** Whether this object has the lock; not when somebody has removed its file, which lets others
+     *  take it. */
     bool IsHeld() const;
     /** Why Take() was not Taken, names the path and the owner. */
     QString Reason() const { return reason; }
