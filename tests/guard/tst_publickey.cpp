@@ -92,6 +92,9 @@ void TestPublicKey::IdIsALittleEndianNumber()
     const QByteArray id = QByteArray::fromHex("0123456789abcdef");
     QCOMPARE(PublicKey(id, QByteArray(32, 'k')).IdText(), QStringLiteral("EFCDAB8967452301"));
     QCOMPARE(guard::KeyIdText(id), QStringLiteral("EFCDAB8967452301"));
+    // As any other number: minisign writes no zeros in front.
+    QCOMPARE(guard::KeyIdText(QByteArray::fromHex("6521c1822896f401")),
+             QStringLiteral("1F4962882C12165"));
 }
 
 void TestPublicKey::PartsOfWrongLengthsMakeNoKey()

@@ -109,7 +109,7 @@ QString KeyIdText(const QByteArray& id)
 {
     QByteArray number = id;
     std::reverse(number.begin(), number.end());
-    return QString::fromLatin1(number.toHex().toUpper());
+    return QString::number(number.toHex().toULongLong(nullptr, 16), 16).toUpper();
 }
 
 } // namespace guard

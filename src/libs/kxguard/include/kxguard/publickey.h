@@ -35,8 +35,8 @@ public:
     QByteArray Id() const;
     /** 32 bytes. */
     QByteArray Key() const;
-    /** The id as minisign prints it: the digits of a little-endian number, 16 upper-case
-     *  hexadecimal ones. */
+    /** The id as minisign prints it: a little-endian number in upper-case hexadecimal digits,
+     *  without zeros in front. */
     QString IdText() const;
     /** The line of base64. */
     QByteArray Text() const;
