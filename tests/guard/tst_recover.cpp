@@ -1,6 +1,7 @@
 #include "droppedrights.h"
 #include "guardchild.h"
 #include "guardsite.h"
+#include "stephook.h"
 #include "wiringguard.h"
 
 #include <kxguard/filelock.h>
@@ -11,6 +12,7 @@
 #include <QRegularExpression>
 #include <QTest>
 
+#include <cerrno>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -98,6 +100,7 @@ private Q_SLOTS:
     void KilledRecoveryIsTakenUpAgain();
     void FirstInstallThatWasKilledLeavesNothing_data();
     void FirstInstallThatWasKilledLeavesNothing();
+    void NewVersionIsOnDiskBeforeTheOldOneGoes();
     void BackupFromBeforeStaysWhenNoSwapHadBegun();
     void ReadOnlyEntriesAreNoObstacle();
     void LongNamesAreRecovered();
@@ -457,6 +460,33 @@ void TestRecover::FirstInstallThatWasKilledLeavesNothing()
         QVERIFY2(recovery.state == RecoveryState::Absent, Told(recovery));
         QCOMPARE(site->Names(), QStringList({"next", "outside"}));
     }
+}
+
+void TestRecover::NewVersionIsOnDiskBeforeTheOldOneGoes()
+{
+    KilledBeforeTheEnd();
+    std::vector<common::fileops::Step> steps;
+    {
+        kxtest::StepHook hook([&steps](common::fileops::Step step) {
+            steps.push_back(step);
+            return 0;
+        });
+        QCOMPARE(int(Recover(site->App()).state), int(RecoveryState::Finished));
+    }
+    QVERIFY(steps.size() > 1);
+    QVERIFY(steps[0] == common::fileops::Step::Sync);
+    QVERIFY(steps[1] == common::fileops::Step::Entry);
+
+    // What cannot be brought to disk is no reason to remove what is there.
+    KilledBeforeTheEnd();
+    const QStringList before = Trees();
+    {
+        kxtest::StepHook hook(kxtest::StepHook::Failing(common::fileops::Step::Sync, 1, EIO));
+        const Recovery recovery = Recover(site->App());
+        QVERIFY2(recovery.state == RecoveryState::Failed, Told(recovery));
+    }
+    QCOMPARE(Trees(), before);
+    QVERIFY(Exists(site->Journal()));
 }
 
 void TestRecover::BackupFromBeforeStaysWhenNoSwapHadBegun()

@@ -146,4 +146,13 @@ QString DurableFiles::Rename(const QString& from, const QString& to)
     return QString();
 }
 
+QString DurableFiles::SyncDirectoryOf(const QString& path)
+{
+    const SplitPath split = Split(path);
+    if (const QString violation = PathViolation(path, split); !violation.isEmpty())
+        return Failed("bring to disk", path, violation);
+    const fileops::Error error = SyncParent(split);
+    return error ? Failed("bring to disk", path, error) : QString();
+}
+
 } // namespace common

@@ -127,6 +127,9 @@ QString Recoverer::Decide()
 {
     if (IsOldVersion(app) && !journal.application.isEmpty())
         return QString(); // the swap had not begun, or has been undone
+    // Nothing can be put back, and to list a large tree takes long.
+    if (!mayRemove && StandingAt(old) == Standing::Nothing)
+        return QString();
     QList<InventoryEntry> entries;
     QString unreadable;
     if (!TakeInventory(app, &entries, &unreadable))
@@ -139,7 +142,11 @@ QString Recoverer::Decide()
             return QString();
         if (!mayRemove)
             return QString();
-        const QString problem = DurableFiles::RemoveTree(old);
+        // Who was killed may have renamed the new version to its place and not brought that to
+        // disk.
+        QString problem = DurableFiles::SyncDirectoryOf(app);
+        if (problem.isEmpty())
+            problem = DurableFiles::RemoveTree(old);
         if (!problem.isEmpty())
             return problem;
         state = RecoveryState::Finished;

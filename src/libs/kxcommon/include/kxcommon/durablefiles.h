@@ -26,6 +26,9 @@ public:
     static QString RemoveTree(const QString& path);
     /** Moves a directory as FileCommands::RenameDirectory() does. */
     static QString Rename(const QString& from, const QString& to);
+    /** Brings the entries of the directory that holds `path` to disk: what a process that was
+     * killed has renamed or made there. */
+    static QString SyncDirectoryOf(const QString& path);
     /**
      * The hidden sibling ".NAME" + `suffix` of `path`, NAME cut and hashed where that would exceed
      * 255 bytes. Write() keeps its bytes in the one with ".kxtmp" until they are complete; a copied
