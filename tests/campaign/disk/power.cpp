@@ -56,7 +56,8 @@ public:
     {
     }
 
-    void Run(bool isLong);
+    /** `sample`: how many states of each model; 0 for all. */
+    void Run(int sample);
 
     struct Counts
     {
@@ -77,9 +78,9 @@ private:
     bool Record(const QString& place, const campaign::TracedCommand& command, Recording* recording);
     void Lay(const Recording& recording, const DiskModel& state, const QString& place) const;
     QString Recovered(const QString& place, Counts* count) const;
-    void Check(const Recording& recording, const CrashStates& states, Order order, bool isLong);
+    void Check(const Recording& recording, const CrashStates& states, Order order, int sample);
     void CheckState(const Recording& recording, const CrashStates& states, const CrashState& state,
-                    Order order, int item, int thread, bool isLong);
+                    Order order, int item, int thread, bool isSample);
     void CheckRecovery(const QString& place, Order order, const QString& where, int thread);
     QString NextUpdateProblem(const QString& place) const;
     void Mutate(const Recording& recording);
@@ -184,7 +185,7 @@ QString PowerCampaign::NextUpdateProblem(const QString& place) const
 
 void PowerCampaign::CheckState(const Recording& recording, const CrashStates& states,
                                const CrashState& state, Order order, int item, int thread,
-                               bool isLong)
+                               bool isSample)
 {
     const QString place = Place(thread);
     const DiskModel model = states.Build(state);
@@ -196,13 +197,13 @@ void PowerCampaign::CheckState(const Recording& recording, const CrashStates& st
         Fail(where(), problem);
         return;
     }
-    if (item % (isLong ? 50 : 20) == 0) {
+    if (item % (isSample ? 20 : 50) == 0) {
         ++count.nextUpdates;
         problem = NextUpdateProblem(place);
         if (!problem.isEmpty())
             Fail(where(), problem);
     }
-    if (isLong && item % 200 == 7) {
+    if (!isSample && item % 200 == 7) {
         Lay(recording, model, place);
         CheckRecovery(place, order, where(), thread);
     }
@@ -230,20 +231,21 @@ void PowerCampaign::CheckRecovery(const QString& place, Order order, const QStri
 }
 
 void PowerCampaign::Check(const Recording& recording, const CrashStates& states, Order order,
-                          bool isLong)
+                          int sample)
 {
-    std::vector<CrashState> all =
-        states.Distinct(order, recording.start.Find("opt"), isLong ? 10 : 1, seed, isLong ? 1 : 50);
+    const bool isSample = sample > 0;
+    std::vector<CrashState> all = states.Distinct(order, recording.start.Find("opt"),
+                                                  isSample ? 1 : 10, seed, isSample ? 50 : 1);
     distinct[int(order)] += int(all.size());
-    if (!isLong) {
+    if (isSample) {
         QRandomGenerator random(seed);
         std::shuffle(all.begin(), all.end(), random);
-        all.resize(std::min<size_t>(all.size(), 300));
+        all.resize(std::min<size_t>(all.size(), size_t(sample)));
     }
     campaign::InParallel(
         int(all.size()),
         [&](int item, int thread) {
-            CheckState(recording, states, all[size_t(item)], order, item, thread, isLong);
+            CheckState(recording, states, all[size_t(item)], order, item, thread, isSample);
         },
         [this] { return campaign.IsEnough(); });
 }
@@ -282,7 +284,7 @@ void PowerCampaign::Mutate(const Recording& recording)
     std::vector<DiskStep> withoutParent;
     for (size_t i = 0; i < recording.steps.size(); ++i) {
         const DiskStep& step = recording.steps[i];
-        const bool isSync = step.kind == DiskStep::Kind::Sync;
+        const bool isSync = !step.IsMetadata() && step.kind >= DiskStep::Kind::Sync;
         if (!isSync || !step.text.contains("/opt/.app.kxnew"))
             withoutTree.push_back(step);
         if (!isSync || step.inode != parent || i < placed)
@@ -300,7 +302,7 @@ void PowerCampaign::Mutate(const Recording& recording)
              Order::Directories);
 }
 
-void PowerCampaign::Run(bool isLong)
+void PowerCampaign::Run(int sample)
 {
     Recording recording;
     bool isRecorded = false;
@@ -315,8 +317,8 @@ void PowerCampaign::Run(bool isLong)
         return;
     steps = int(recording.steps.size());
     const CrashStates states(recording.start, recording.steps);
-    Check(recording, states, Order::Journal, isLong);
-    Check(recording, states, Order::Directories, isLong);
+    Check(recording, states, Order::Journal, sample);
+    Check(recording, states, Order::Directories, sample);
     Mutate(recording);
 }
 
@@ -337,12 +339,11 @@ int main(int argc, char** argv)
     qint64 mutations = 0;
     PowerCampaign::Counts sums[2];
     qint64 distinct[2] = {0, 0};
-    for (int number = 0; number < rounds && !campaign.IsEnough(); ++number) {
-        const quint32 seed = options.SeedOf(number);
+    const auto run = [&](quint32 seed, int entries, int sample) {
         const QString directory = campaign.NewDirectory();
-        const UpdateRound round(directory, served, server.Url(), seed);
+        const UpdateRound round(directory, served, server.Url(), seed, entries);
         PowerCampaign one(campaign, round, seed, directory);
-        one.Run(options.isLong);
+        one.Run(sample);
         steps += one.steps;
         mutations += one.mutationsFound;
         for (int order = 0; order < 2; ++order) {
@@ -354,8 +355,13 @@ int main(int argc, char** argv)
             sums[order].nextUpdates += one.counts[order].nextUpdates;
             sums[order].leftovers += one.counts[order].leftovers;
         }
-    }
-    campaign.Figure(S("trees"), rounds);
+    };
+    // So many entries that the copy is brought to disk with its whole volume.
+    if (options.isLong)
+        run(options.seed + 500000, 280, 300);
+    for (int number = 0; number < rounds && !campaign.IsEnough(); ++number)
+        run(options.SeedOf(number), 30, options.isLong ? 0 : 300);
+    campaign.Figure(S("trees"), rounds + (options.isLong ? 1 : 0));
     campaign.Figure(S("steps of the updates"), steps);
     for (const Order order : {Order::Journal, Order::Directories}) {
         const PowerCampaign::Counts& sum = sums[int(order)];
