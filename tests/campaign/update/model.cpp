@@ -5,6 +5,7 @@
 #include "campaign.h"
 #include "campaignsite.h"
 #include "httptestserver.h"
+#include "peer.h"
 #include "toolpair.h"
 #include "treebuilder.h"
 #include "treedamage.h"
@@ -144,17 +145,6 @@ QString Pair::Run()
     return Update(freshSite, "repair", versionB, left, repaired);
 }
 
-// The programs of a sanitizer build are slow, and its thread sanitizer does not follow them.
-int ToolRounds(int rounds)
-{
-#ifdef KX_SANITIZED
-    Q_UNUSED(rounds)
-    return 0;
-#else
-    return (rounds + 19) / 20;
-#endif
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -176,7 +166,7 @@ int main(int argc, char** argv)
         inAll += pair.inAll;
         repaired += pair.repaired;
     }
-    const int toolRounds = ToolRounds(rounds);
+    const int toolRounds = kxtest::RoundsWithPrograms(rounds, 20);
     for (int i = 0; i < toolRounds && !campaign.IsEnough(); ++i) {
         const quint32 seed = campaign.Given().SeedOf(i);
         const QString problem = kxtest::ToolPair(seed, campaign.NewDirectory()).Run();

@@ -323,12 +323,10 @@ int main(int argc, char** argv)
     const int rounds = campaign.Given().Rounds(40, 500);
     for (int round = 0; round < rounds && !campaign.IsEnough(); ++round)
         network.Run(campaign.Given().SeedOf(round));
-#ifndef KX_SANITIZED
-    // Threads must not start behind a fork there.
+    const int toolRounds = kxtest::RoundsWithPrograms(rounds, 10);
     constexpr int atOnce = 5;
-    for (int i = 0; i < (rounds + 9) / 10 && !campaign.IsEnough(); i += atOnce)
-        network.RunTools(campaign.Given().SeedOf(i), qMin(atOnce, (rounds + 9) / 10 - i));
-#endif
+    for (int i = 0; i < toolRounds && !campaign.IsEnough(); i += atOnce)
+        network.RunTools(campaign.Given().SeedOf(i), qMin(atOnce, toolRounds - i));
     network.Report();
     return campaign.End();
 }

@@ -8,6 +8,10 @@
 
 namespace kxtest {
 
+/** How many of `rounds` start programs: one in `times`. None in a sanitizer build: its programs are
+ *  slow, and threads must not start behind a fork under the thread sanitizer. */
+int RoundsWithPrograms(int rounds, int times);
+
 /** Runs the event loop until the condition holds; false when it does not for very long. */
 bool AwaitCondition(const std::function<bool()>& condition);
 

@@ -9,6 +9,7 @@
 #include "peer.h"
 #include "treebuilder.h"
 
+#include <kxcommon/durablefiles.h>
 #include <kxguard/recover.h>
 #include <kxupdater/build.h>
 
@@ -237,6 +238,12 @@ QString Scene::RecoversOfKilled()
     const QString failure = Killed(&maySwap, &hasSwapped);
     if (!failure.isEmpty())
         return failure;
+    // Something that takes a while to remove, so that there is time to meet.
+    const QString begun =
+        common::DurableFiles::HiddenSibling(site.Application(), QStringLiteral(".kxnew"));
+    kxtest::TreeBuilder ballast(begun);
+    for (int i = 0; i < 2000; ++i)
+        ballast.File(QStringLiteral("%1/%2").arg(i % 20).arg(i), {});
     const Peers peers{Start(QStringLiteral("recover")), Start(QStringLiteral("recover"))};
     QString problem = LetGo(peers);
     for (const auto& peer : peers) {

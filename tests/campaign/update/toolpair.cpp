@@ -4,6 +4,7 @@
 #include "treebuilder.h"
 #include "treedamage.h"
 
+#include <QHash>
 #include <QRandomGenerator>
 
 #include <algorithm>
@@ -12,6 +13,28 @@ namespace kxtest {
 namespace {
 
 using campaign::RandomTree;
+
+// The tree without names that differ only in case or in the normal form of Unicode from others of
+// their directory: kxpublish refuses those, because some systems cannot have both.
+RandomTree WithoutTwins(const RandomTree& tree)
+{
+    RandomTree result;
+    QHash<QString, QString> known; // paths by what such a system makes of them
+    for (auto it = tree.Entries().cbegin(); it != tree.Entries().cend(); ++it) {
+        bool isTwin = false;
+        for (qsizetype end = 0; end >= 0 && !isTwin;) {
+            end = it.key().indexOf(QLatin1Char('/'), end + 1);
+            const QString path = it.key().left(end);
+            const QString folded = path.normalized(QString::NormalizationForm_C).toCaseFolded();
+            isTwin = known.value(folded, path) != path;
+            if (!isTwin)
+                known.insert(folded, path);
+        }
+        if (!isTwin)
+            result.Put(it.key(), it.value());
+    }
+    return result;
+}
 
 // Empty when the program ended with 0.
 QString Failure(const QString& program, const QStringList& arguments)
@@ -100,8 +123,8 @@ QString ToolPair::Update(const QString& command, const QString& current, const R
 QString ToolPair::Run()
 {
     QRandomGenerator random(seed * 2654435761u + 1);
-    const RandomTree before(random.generate());
-    const RandomTree after = before.Mutate(random.generate());
+    const RandomTree before = WithoutTwins(RandomTree(random.generate()));
+    const RandomTree after = WithoutTwins(before.Mutate(random.generate()));
     QString problem = Publish(before, QStringLiteral("1.0"));
     if (problem.isEmpty())
         problem = Update(QStringLiteral("update"), QStringLiteral("0"), before, {});

@@ -54,24 +54,26 @@ bool Damage::StrikeFile(const QString& name, Entry& entry)
     const QString path = tree.Path(name);
     QByteArray bytes = Read(path);
     const int mode = Mode(path);
-    switch (Below(6)) {
+    switch (Below(8)) {
     case 0:
         entry.mode = modes[Below(6)];
         SetMode(path, entry.mode);
         return true;
-    case 1:
+    case 1: // a bit: the size stays
+    case 2:
+    case 3:
         if (bytes.isEmpty())
             bytes = "no longer empty";
         else
             bytes[Below(int(bytes.size()))] ^= char(1 << Below(8));
         break;
-    case 2:
+    case 4:
         if (bytes.isEmpty())
             bytes = "x";
         else
             bytes.chop(1 + Below(int(bytes.size())));
         break;
-    case 3:
+    case 5:
         bytes += QByteArray(1 + Below(5000), '\0');
         break;
     default:
