@@ -84,6 +84,7 @@ private Q_SLOTS:
     void FailsWhereNothingCanBeMade_data();
     void FailsWhereNothingCanBeMade();
     void LeftoverThatCannotBeOpenedFails();
+    void LockOfTheAdministratorIsNotInTheOwnersWay();
     void OwnerIsToldWhileThereIsOne();
     void OwnerIsToldToThoseWhoCannotReadTheFile();
     void OwnerThatCannotBeReadIsStillOne();
@@ -377,6 +378,24 @@ void TestFileLock::LeftoverThatCannotBeOpenedFails()
     QCOMPARE(lock.Take(), Result::Failed);
     QVERIFY2(lock.Reason().contains(path), qPrintable(lock.Reason()));
     QVERIFY(kxtest::Exists(path));
+}
+
+void TestFileLock::LockOfTheAdministratorIsNotInTheOwnersWay()
+{
+    if (::geteuid() != 0)
+        QSKIP("only root can work in the directory of another user");
+    constexpr uint user = 12345;
+    QCOMPARE(::chown(QFile::encodeName(tree->Root()).constData(), user, user), 0);
+    FileLock lock(path);
+    QCOMPARE(lock.Take(), Result::Taken);
+    QCOMPARE(QFileInfo(path).ownerId(), user);
+    lock.Release();
+    // Somebody's file with a second name stays whose it is.
+    const QString other = tree->Path("other");
+    tree->File("other", "root's");
+    QCOMPARE(::link(QFile::encodeName(other).constData(), QFile::encodeName(path).constData()), 0);
+    QCOMPARE(lock.Take(), Result::Failed);
+    QCOMPARE(QFileInfo(other).ownerId(), 0u);
 }
 
 void TestFileLock::OwnerIsToldWhileThereIsOne()

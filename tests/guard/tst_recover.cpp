@@ -112,6 +112,7 @@ private Q_SLOTS:
     void JournalOfAnotherApplicationLeadsToNoRemoval();
     void JournalAfterChangesByHandLeadsToNoRemoval_data();
     void JournalAfterChangesByHandLeadsToNoRemoval();
+    void FilesOfNoVersionMakeRoomForTheOldOne();
     void OldVersionOutlivesWhatTookItsPlace_data();
     void OldVersionOutlivesWhatTookItsPlace();
     void ProgramThatWasChangedIsNoObstacle_data();
@@ -728,11 +729,36 @@ void TestRecover::JournalAfterChangesByHandLeadsToNoRemoval()
     QVERIFY2(Trees() == before, Told(again) + '\n' + site->Report());
 }
 
+void TestRecover::FilesOfNoVersionMakeRoomForTheOldOne()
+{
+    // A program that goes on running while it is moved aside makes the directory of its logs anew.
+    const QString found = site->App() + ".kxfound";
+    QVERIFY(InstallAndDie(*site, {"--die-at", "MOVING"}));
+    TreeBuilder(site->App()).File("log/today", "started");
+    const Recovery recovery = Recover(site->App());
+    QVERIFY2(recovery.state == RecoveryState::Restored, Told(recovery));
+    QVERIFY2(recovery.text.contains(found), Told(recovery));
+    QCOMPARE(kxtest::Read(found + "/log/today"), QByteArray("started"));
+    const QString kept = site->Scratch("kept") + "/found";
+    Move(found, kept);
+    QVERIFY2(site->IsOld(), site->Report());
+    Move(kept, found);
+
+    // A second time there is no place for them, and nothing is lost either.
+    QVERIFY(InstallAndDie(*site, {"--die-at", "MOVING"}));
+    TreeBuilder(site->App()).File("log/today", "started again");
+    const QStringList before = Trees();
+    const Recovery again = Recover(site->App());
+    QVERIFY2(again.state == RecoveryState::Failed, Told(again));
+    QVERIFY2(Trees() == before, Told(again) + '\n' + site->Report());
+}
+
 void TestRecover::OldVersionOutlivesWhatTookItsPlace_data()
 {
     QTest::addColumn<QStringList>("names"); // of what stands in the application's place
     QTest::addColumn<bool>("isCopied");     // the backup is another directory with its contents
-    QTest::newRow("log of the program that goes on running") << QStringList{"log/today"} << false;
+    QTest::newRow("a file of the old version that was changed, and a log")
+        << QStringList{"data/gone", "log/today"} << false;
     QTest::newRow("part of the new version, and a log")
         << QStringList{"data/same", "log/today"} << false;
     QTest::newRow("part of the new version, and the identities have changed")

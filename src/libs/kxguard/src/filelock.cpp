@@ -1,6 +1,7 @@
 #include <kxguard/filelock.h>
 
 #include "filelock_handle.h"
+#include "ownership.h"
 
 #include <kxcommon/durablefiles.h>
 
@@ -61,8 +62,10 @@ FileLock::Result FileLock::Take(int waitMs)
     QByteArray holder;
     for (int tries = 1;; ++tries) {
         const Result result = handle->Take(path, OwnText(), &holder, &reason);
-        if (result == Result::Taken)
+        if (result == Result::Taken) {
             reason.clear();
+            GiveToOwnerOfDirectory(path);
+        }
         if (result != Result::Busy)
             return result;
         if (tries >= leastTries && deadline.hasExpired())

@@ -3,6 +3,7 @@
 #include "fileidentity.h"
 #include "journal.h"
 #include "nativepath.h"
+#include "ownership.h"
 #include "packagecheck.h"
 #include "recovery.h"
 #include "runningprograms.h"
@@ -160,6 +161,7 @@ Problem WriteJournal(const QString& app, const QList<InventoryEntry>& entries, Q
     journal.backup = IdentityOf(BackupPath(app));
     journal.entries = entries;
     const QString text = common::DurableFiles::Write(Journal::PathFor(app), journal.Text());
+    GiveToOwnerOfDirectory(Journal::PathFor(app));
     return text.isEmpty() ? Problem()
                           : Problem{InstallJournal, QStringLiteral("Nothing is installed without a "
                                                                    "journal. %1.")

@@ -10,6 +10,9 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QSet>
+
+#include <algorithm>
 
 namespace guard {
 namespace {
@@ -62,7 +65,9 @@ public:
 private:
     bool IsOldVersion(const QString& path) const;
     bool IsProgram(const QList<InventoryEntry>& entries) const;
+    bool HasNamesOfAVersion(const QList<InventoryEntry>& entries) const;
     QString PutBack();
+    QString SetAside(const QList<InventoryEntry>& entries);
     QString Decide();
     QString CleanUp();
     void Say(const QString& text) { said << text; }
@@ -109,6 +114,39 @@ bool Recoverer::IsProgram(const QList<InventoryEntry>& entries) const
     QString unreadable;
     return TakeInventory(old, &oldOne.entries, &unreadable) && !oldOne.entries.isEmpty() &&
            oldOne.Compare(entries) == Journal::Match::Complete;
+}
+
+bool Recoverer::HasNamesOfAVersion(const QList<InventoryEntry>& entries) const
+{
+    QList<InventoryEntry> versions;
+    QString unreadable;
+    if (!TakeInventory(old, &versions, &unreadable))
+        return true;
+    versions += journal.entries;
+    QSet<QString> names;
+    for (const InventoryEntry& entry : std::as_const(versions))
+        names.insert(entry.name);
+    return std::any_of(entries.begin(), entries.end(), [&names](const InventoryEntry& entry) {
+        return names.contains(entry.name);
+    });
+}
+
+// What stands in the application's place is no version of it, and the old one is in the backup.
+QString Recoverer::SetAside(const QList<InventoryEntry>& entries)
+{
+    // Nothing of it is removed, and what may be somebody's attempt to mend is not even moved.
+    const QString found = app + QStringLiteral(".kxfound");
+    if (HasNamesOfAVersion(entries) || StandingAt(found) != Standing::Nothing)
+        return QStringLiteral("'%1' holds neither the old version nor the new one, and the old one "
+                              "is in '%2': remove the first and rename the second back, or remove "
+                              "the second")
+            .arg(app, old);
+    const QString problem = DurableFiles::Rename(app, found);
+    if (!problem.isEmpty())
+        return problem;
+    Say(QStringLiteral("'%1' held files that belong to no version; they are in '%2' now.")
+            .arg(app, found));
+    return PutBack();
 }
 
 // The old version, aside in the backup, comes back to its place.
@@ -158,10 +196,7 @@ QString Recoverer::Decide()
     if (match == Journal::Match::Other) {
         // Said to be whole, the next install would remove the old version as a backup of no use.
         if (hasOld && !IsProgram(entries))
-            return QStringLiteral("'%1' holds neither the old version nor the new one, and the old "
-                                  "one is in '%2': remove the first and rename the second back, or "
-                                  "remove the second")
-                .arg(app, old);
+            return SetAside(entries);
         isForeign = true;
         Say(QStringLiteral("'%1' holds something else than the interrupted install was putting "
                            "there, so '%2' is left alone.")
