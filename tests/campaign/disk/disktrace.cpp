@@ -144,7 +144,7 @@ const Shape* ShapeOf(long number)
     return known.value(number, nullptr);
 }
 
-std::vector<sock_filter> Filter(bool withLooks)
+std::vector<sock_filter> Filter(bool withLooks, long only)
 {
     std::vector<sock_filter> filter = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
@@ -156,6 +156,8 @@ std::vector<sock_filter> Filter(bool withLooks)
         // Whether an open makes a file is looked at later.
         const bool isOpen = shape.number == SYS_open || shape.number == SYS_openat;
         if (shape.kind == Kind::Look && !withLooks && !isOpen)
+            continue;
+        if (only >= 0 && shape.number != only)
             continue;
         const auto number = static_cast<std::uint32_t>(shape.number);
         filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1));
@@ -227,7 +229,7 @@ private:
         for (const QByteArray& variable : command.environment)
             environment.push_back(const_cast<char*>(variable.constData()));
         environment.push_back(nullptr);
-        std::vector<sock_filter> filter = Filter(command.withLooks);
+        std::vector<sock_filter> filter = Filter(command.withLooks, command.only);
         sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
         const char* output = command.output.constData();
 

@@ -67,6 +67,7 @@ struct TracedCommand
     QByteArray output;             //!< file for what it prints; is replaced
     QByteArray root;               //!< the watched directory, canonical
     bool withLooks = false;        //!< whether calls of the kind Look are reported
+    long only = -1;                //!< a system call's number: no others are stopped at; -1 for all
     int timeout = 400;             //!< seconds until SIGALRM: only for what hangs
 };
 

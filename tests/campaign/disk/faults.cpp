@@ -12,6 +12,7 @@
 #include <kxguard/recover.h>
 
 #include <QCoreApplication>
+#include <QHash>
 #include <QMutex>
 #include <QRandomGenerator>
 
@@ -66,7 +67,8 @@ bool IsPossible(const DiskCall& call, int error)
     }
 }
 
-/** Lets the call `at` fail, or all possible ones from it on. Calls have the numbers from 1 on. */
+/** Lets the call `at` fail, or all possible ones from it on. Those that are stopped at have the
+ *  numbers from 1 on. */
 class Saboteur : public campaign::DiskWatcher
 {
 public:
@@ -94,7 +96,9 @@ public:
 
 struct Point
 {
-    int at;
+    int call; //!< of all
+    int at;   //!< of those with the same name, or of all when the fault stays
+    long name;
     Error error;
     bool isLasting;
 };
@@ -154,15 +158,18 @@ std::vector<Point> FaultCampaign::Points()
     }
     calls = int(whole.calls.size());
     std::vector<Point> points;
+    QHash<long, int> counts;
     for (int at = 1; at <= calls; ++at) {
+        const long name = whole.calls[size_t(at) - 1].number;
+        const int same = ++counts[name];
         for (const Error& error : errors) {
             if (!IsPossible(whole.calls[size_t(at) - 1], error.number))
                 continue;
-            points.push_back({at, error, false});
+            points.push_back({at, same, name, error, false});
             // Full disks and broken ones stay so.
             const bool canLast = error.number == EIO || error.number == ENOSPC;
             if (canLast && at % 10 == 0)
-                points.push_back({at, error, true});
+                points.push_back({at, at, -1, error, true});
         }
     }
     return points;
@@ -178,12 +185,14 @@ void FaultCampaign::Sabotage(const Point& point, int thread)
     saboteur.isLasting = point.isLasting;
     campaign::TracedCommand command = round.Update(place);
     command.withLooks = true;
+    // Stopping at all the others would take most of the time.
+    command.only = point.name;
     const TracedEnd end = campaign::RunTraced(command, saboteur);
     ++(point.isLasting ? lasting : faults);
     // Data arrives in other pieces each time, and the call is another one.
     missed += saboteur.hit.isEmpty();
     const QString where = S("call %1 %2, %3 %4")
-                              .arg(point.at)
+                              .arg(point.call)
                               .arg(point.isLasting ? S("and all behind it") : S("alone"),
                                    S(point.error.name), saboteur.hit);
     const QString problem = Problem(place, end);
