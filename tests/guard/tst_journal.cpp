@@ -11,7 +11,7 @@ namespace {
 // A journal of these lines, with the end that they need.
 QByteArray Journaled(const QByteArray& lines, qsizetype count)
 {
-    const QByteArray above = "kxjournal 1\napplication a\nbackup b\n" + lines;
+    const QByteArray above = "kxjournal 1\napplication a\n" + lines;
     const QByteArray digest = QCryptographicHash::hash(above, QCryptographicHash::Sha256).toHex();
     return above + "end " + QByteArray::number(count) + ' ' + digest + '\n';
 }
@@ -33,7 +33,6 @@ void TestJournal::WhatIsWrittenIsReadBack()
 {
     Journal journal;
     journal.application = "1:2";
-    journal.backup = "none";
     InventoryEntry entry;
     entry.name = "bin/app with blanks";
     entry.size = 18446744073709551615u;
@@ -49,7 +48,6 @@ void TestJournal::WhatIsWrittenIsReadBack()
     Journal read;
     QVERIFY(Journal::Parse(journal.Text(), &read));
     QCOMPARE(read.application, journal.application);
-    QCOMPARE(read.backup, journal.backup);
     QCOMPARE(read.entries.size(), journal.entries.size());
     for (qsizetype i = 0; i < read.entries.size(); ++i) {
         QCOMPARE(read.entries.at(i).name, journal.entries.at(i).name);

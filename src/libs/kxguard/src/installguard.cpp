@@ -158,7 +158,6 @@ Problem WriteJournal(const QString& app, const QList<InventoryEntry>& entries, Q
 {
     Journal journal;
     *oldVersion = journal.application = IdentityOf(app);
-    journal.backup = IdentityOf(BackupPath(app));
     journal.entries = entries;
     const QString text = common::DurableFiles::Write(Journal::PathFor(app), journal.Text());
     GiveToOwnerOfDirectory(Journal::PathFor(app));

@@ -72,7 +72,7 @@ bool ParseEntry(const QByteArray& line, InventoryEntry* entry)
 QByteArray Journal::Text() const
 {
     QByteArray text = header;
-    text += "\napplication " + application.toUtf8() + "\nbackup " + backup.toUtf8() + '\n';
+    text += "\napplication " + application.toUtf8() + '\n';
     for (const InventoryEntry& entry : entries) {
         if (entry.kind == InventoryEntry::Link)
             text += "link " + entry.name.toUtf8() + '\n';
@@ -87,21 +87,18 @@ bool Journal::Parse(const QByteArray& text, Journal* journal)
     *journal = Journal();
     QList<QByteArray> lines = text.split('\n');
     QByteArray application;
-    QByteArray backup;
-    if (lines.size() < 5 || !lines.takeLast().isEmpty() || lines.at(0) != header ||
-        !Value(lines.at(1), "application", &application) || !IsWord(application) ||
-        !Value(lines.at(2), "backup", &backup) || !IsWord(backup))
+    if (lines.size() < 4 || !lines.takeLast().isEmpty() || lines.at(0) != header ||
+        !Value(lines.at(1), "application", &application) || !IsWord(application))
         return false;
-    const qsizetype count = lines.size() - 4;
+    const qsizetype count = lines.size() - 3;
     const QByteArray end = lines.takeLast();
     const QByteArray above = text.chopped(end.size() + 1);
     if (end != "end " + QByteArray::number(count) + ' ' + Digest(above))
         return false;
     Journal read;
     read.application = QString::fromUtf8(application);
-    read.backup = QString::fromUtf8(backup);
     read.entries.reserve(count);
-    for (const QByteArray& line : lines.mid(3)) {
+    for (const QByteArray& line : lines.mid(2)) {
         InventoryEntry entry;
         if (!ParseEntry(line, &entry))
             return false;

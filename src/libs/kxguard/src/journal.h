@@ -13,7 +13,6 @@ namespace guard {
  *
  *     kxjournal 1
  *     application IDENTITY
- *     backup IDENTITY
  *     file SIZE NAME
  *     link NAME
  *     end COUNT DIGEST
@@ -24,7 +23,6 @@ namespace guard {
 struct Journal
 {
     QString application; //!< identity of the old version's directory, see IdentityOf()
-    QString backup;      //!< identity of what stood at the backup's path before
     QList<InventoryEntry> entries;
 
     QByteArray Text() const;
