@@ -7,7 +7,7 @@
 namespace guard {
 
 /** The system's side of a lock. One implementation per platform. */
-struct FileLock::Handle
+struct KXGUARD_NO_EXPORT FileLock::Handle
 {
     Handle() = default;
     ~Handle();

@@ -169,7 +169,7 @@ Problem WriteJournal(const QString& app, const QList<InventoryEntry>& entries, Q
 
 } // namespace
 
-class InstallGuard::Private
+class KXGUARD_NO_EXPORT InstallGuard::Private
 {
 public:
     Problem TakeLock(const QString& app, int waitMs);

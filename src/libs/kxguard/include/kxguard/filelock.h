@@ -52,7 +52,7 @@ public:
 private:
     Q_DISABLE_COPY(FileLock)
 
-    struct Handle;
+    struct KXGUARD_NO_EXPORT Handle;
     QString path;
     QString reason;
     std::unique_ptr<Handle> handle;

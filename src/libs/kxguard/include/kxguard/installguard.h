@@ -96,7 +96,7 @@ private Q_SLOTS:
 private:
     Q_DISABLE_COPY(InstallGuard)
 
-    class Private;
+    class KXGUARD_NO_EXPORT Private;
     std::unique_ptr<Private> d;
 };
 
