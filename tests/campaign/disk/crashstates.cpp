@@ -38,10 +38,11 @@ public:
     {
     }
 
+    /** Whether the next choice is looked at: to be asked before it is made. */
+    bool IsWanted() { return share <= 1 || random.bounded(share) == 0; }
+
     void Add(const CrashState& state)
     {
-        if (share > 1 && random.bounded(share) != 0)
-            return;
         const QByteArray fingerprint = states.Fingerprint(state, inode);
         if (seen.contains(fingerprint))
             return;
@@ -226,6 +227,8 @@ void CrashStates::AddJournal(Collector* collector) const
             // Behind a step that is no metadata it is the same.
             if (reached > durable[size_t(time)] && !steps[size_t(reached) - 1].IsMetadata())
                 continue;
+            if (!collector->IsWanted())
+                continue;
             state.nameTimes.assign(size_t(inodeCount), reached);
             state.modeTimes = state.nameTimes;
             collector->AddEach(state);
@@ -253,11 +256,12 @@ void CrashStates::AddDirectories(int inode, int random, quint32 seed, Collector*
         late.modeTimes = late.nameTimes;
         CrashState lateNames = late;
         lateNames.modeTimes = early.modeTimes;
-        collector->AddEach(lateNames);
-        for (const CrashState& others : {early, late}) {
-            collector->AddEach(others);
+        for (const CrashState* ends : {&lateNames, &early, &late}) {
+            if (collector->IsWanted())
+                collector->AddEach(*ends);
+        }
+        for (const CrashState* others : {&early, &late}) {
             for (const int directory : open) {
-                CrashState state = others;
                 const int from = early.nameTimes[size_t(directory)];
                 for (const auto& [at, ignored] : names[size_t(directory)]) {
                     const bool isEnd = at > from && IndexAt(names[size_t(directory)], time) ==
@@ -266,12 +270,15 @@ void CrashStates::AddDirectories(int inode, int random, quint32 seed, Collector*
                     // Of most directories only the two ends, of the watched one everything.
                     if (at > time || (directory != inode && !isEnd && !isBegin))
                         continue;
+                    if (!collector->IsWanted())
+                        continue;
+                    CrashState state = *others;
                     state.nameTimes[size_t(directory)] = std::max(at, from);
                     collector->AddEach(state);
                 }
             }
         }
-        for (int i = 0; i < random && !open.empty(); ++i) {
+        for (int i = 0; i < random && !open.empty() && collector->IsWanted(); ++i) {
             CrashState state = late;
             state.seed += quint32(i);
             for (const int directory : open) {

@@ -234,8 +234,10 @@ void PowerCampaign::Check(const Recording& recording, const CrashStates& states,
                           int sample)
 {
     const bool isSample = sample > 0;
-    std::vector<CrashState> all = states.Distinct(order, recording.start.Find("opt"),
-                                                  isSample ? 1 : 10, seed, isSample ? 50 : 1);
+    // There are about as many choices as the square of the steps.
+    const int share = isSample ? 1 + steps * steps / 4000 : 1;
+    std::vector<CrashState> all =
+        states.Distinct(order, recording.start.Find("opt"), isSample ? 1 : 10, seed, share);
     distinct[int(order)] += int(all.size());
     if (isSample) {
         QRandomGenerator random(seed);
