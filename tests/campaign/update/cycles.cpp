@@ -30,6 +30,12 @@ using kxtest::UpdateRun;
 
 namespace {
 
+#ifdef KX_SANITIZED
+constexpr int shortRounds = 60;
+#else
+constexpr int shortRounds = 100;
+#endif
+
 constexpr int unitMs = 8;
 constexpr int patienceMs = 60000;
 constexpr int hostRefusal = 4711;
@@ -320,7 +326,7 @@ int main(int argc, char** argv)
     kxtest::CountEveryByte(argv);
     const QCoreApplication application(argc, argv);
     campaign::Campaign campaign(argc, argv);
-    const int rounds = qMax(20, campaign.Given().Rounds(100, 1000));
+    const int rounds = qMax(20, campaign.Given().Rounds(shortRounds, 1000));
     const int step = rounds / 20;
     Cycles cycles(campaign.Given().seed, campaign.SharedDirectory());
     const QStringList faults = ChaosPlan::AllFaults();

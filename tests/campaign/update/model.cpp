@@ -24,6 +24,12 @@ using kxtest::UpdateRun;
 
 namespace {
 
+#ifdef KX_SANITIZED
+constexpr int shortRounds = 10;
+#else
+constexpr int shortRounds = 30;
+#endif
+
 const QString versionA = QStringLiteral("1.0");
 const QString versionB = QStringLiteral("2.0");
 
@@ -151,7 +157,7 @@ int main(int argc, char** argv)
 {
     const QCoreApplication application(argc, argv);
     campaign::Campaign campaign(argc, argv);
-    const int rounds = campaign.Given().Rounds(30, 1000);
+    const int rounds = campaign.Given().Rounds(shortRounds, 1000);
     qint64 fetched = 0;
     qint64 inAll = 0;
     qint64 repaired = 0;

@@ -26,6 +26,12 @@ using kxtest::UpdateRun;
 
 namespace {
 
+#ifdef KX_SANITIZED
+constexpr int shortRounds = 12;
+#else
+constexpr int shortRounds = 40;
+#endif
+
 constexpr int unitMs = 8;
 // A worker that reads or writes a whole tree signals nothing meanwhile. On a busy machine it may
 // take long, but never as long as this many timeouts.
@@ -320,7 +326,7 @@ int main(int argc, char** argv)
     const QCoreApplication application(argc, argv);
     campaign::Campaign campaign(argc, argv);
     Network network(campaign);
-    const int rounds = campaign.Given().Rounds(40, 500);
+    const int rounds = campaign.Given().Rounds(shortRounds, 500);
     for (int round = 0; round < rounds && !campaign.IsEnough(); ++round)
         network.Run(campaign.Given().SeedOf(round));
     const int toolRounds = kxtest::RoundsWithPrograms(rounds, 10);
