@@ -141,6 +141,8 @@ private Q_SLOTS:
     void KeyFileThatIsNoneIsRefused();
     void KeyThatOthersMayReadIsWarnedOf();
     void KeyInTheTreeIsRefused();
+    void CopyOfTheKeyInTheTreeIsRefused_data();
+    void CopyOfTheKeyInTheTreeIsRefused();
     void OptionsThatExcludeEachOther();
 
 private:
@@ -368,6 +370,7 @@ void TestKxpublishKeys::InterruptAtThePromptGivesTheTerminalBack()
     QVERIFY(run.Shows("Passphrase of the new key: "));
     QVERIFY(!run.ShowsWhatIsTyped());
     run.Type("\x03");
+    QVERIFY(run.Shows("\n")); // what follows begins a line
     const PublishResult result = run.End();
     QCOMPARE(result.err, QStringList({S("interrupted, no key is made")}));
     QCOMPARE(result.status, 4);
@@ -642,6 +645,33 @@ void TestKxpublishKeys::KeyInTheTreeIsRefused()
         result.err.at(0),
         S("--key '%1': lies inside '%2', where others get it").arg(Path("tree/key"), Path("tree")));
     QCOMPARE(result.status, 1);
+}
+
+void TestKxpublishKeys::CopyOfTheKeyInTheTreeIsRefused_data()
+{
+    QTest::addColumn<bool>("isAdd");
+    QTest::newRow("sign") << false;
+    QTest::newRow("add") << true;
+}
+
+void TestKxpublishKeys::CopyOfTheKeyInTheTreeIsRefused()
+{
+    QFETCH(bool, isAdd);
+    const QByteArray key = SecretKeyParts(1).Text();
+    directory->File(S("key"), key, 0600).File(S("tree/data"), "data", 0755);
+    // As long as the key, and another one.
+    directory->File(S("tree/other"), SecretKeyParts(2).Text()).File(S("tree/lib/copy"), key);
+    const QStringList add{
+        S("add"),       S("--sign"), Path("key"),     S("--name"),           S("n"),
+        S("--version"), S("1"),      S("--base-url"), S("http://localhost"), S("--exec"),
+        S("data"),      S("--out"),  Path("srv"),     Path("tree")};
+    const PublishResult result = RunPublish(isAdd ? add : SignWords());
+    QCOMPARE(result.err,
+             QStringList({S("'lib/copy': a copy of the secret key; others would get it"),
+                          S("refused, 1 problem")}));
+    QCOMPARE(result.status, 1);
+    QVERIFY(!kxtest::Exists(Path("tree/SHA256SUMS")));
+    QVERIFY(!kxtest::Exists(Path("srv/packages/n-v1")));
 }
 
 void TestKxpublishKeys::OptionsThatExcludeEachOther()

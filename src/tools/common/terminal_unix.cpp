@@ -21,6 +21,14 @@ int Descriptor(Stream stream)
 
 constexpr int pollMs = 100;
 
+// What ends the input other than a line's end leaves the cursor behind the prompt.
+HiddenLine EndLine(int terminal, HiddenLine outcome)
+{
+    const ssize_t written = ::write(terminal, "\n", 1);
+    static_cast<void>(written); // it is only for looks
+    return outcome;
+}
+
 // Reads up to the line's end, or what the user ends with Ctrl-D. A signal need not end a read(),
 // and may come just before it.
 HiddenLine ReadLine(int terminal, char* line, int size, int* length, bool (*isInterrupted)())
@@ -28,7 +36,7 @@ HiddenLine ReadLine(int terminal, char* line, int size, int* length, bool (*isIn
     *length = 0;
     for (;;) {
         if (isInterrupted())
-            return HiddenLine::Interrupted;
+            return EndLine(terminal, HiddenLine::Interrupted);
         pollfd wait = {terminal, POLLIN, 0};
         if (::poll(&wait, 1, pollMs) <= 0)
             continue;
@@ -38,7 +46,9 @@ HiddenLine ReadLine(int terminal, char* line, int size, int* length, bool (*isIn
             continue;
         if (count < 0)
             return HiddenLine::NoTerminal; // it was closed
-        if (count == 0 || c == '\n')
+        if (count == 0)
+            return EndLine(terminal, HiddenLine::Read);
+        if (c == '\n')
             return HiddenLine::Read;
         if (*length < size)
             line[(*length)++] = c;

@@ -75,6 +75,7 @@ TreeContents AddCommand::CheckTree()
         for (const QString& name : LeaveOutSums(&contents))
             Say(QStringLiteral("left out: %1, the signature brings its own").arg(Shown(name)));
         CheckSignable(contents, &problems);
+        CheckKeyHasNoCopy(settings.sign, settings.tree, contents, &problems);
     }
     return contents;
 }

@@ -70,6 +70,7 @@ TreeContents SignCommand::CheckTree()
     CheckNothingIsLeftOut(contents);
     LeaveOutSums(&contents);
     CheckSignable(contents, &problems);
+    CheckKeyHasNoCopy(settings.sign, settings.tree, contents, &problems);
     return contents;
 }
 

@@ -84,6 +84,26 @@ void CheckKeyIsOutside(const QString& option, const SigningOptions& options,
     }
 }
 
+void CheckKeyHasNoCopy(const SigningOptions& options, const QString& tree,
+                       const TreeContents& contents, Problems* problems)
+{
+    SecretBytes key;
+    bool exposed = false;
+    // A key that cannot be read, or lies in the tree itself, is refused by name.
+    if (!ReadSecretFile(options.key, SecretKeyText::maxText, &key, &exposed).isEmpty() ||
+        key.IsEmpty() || IsInside(ResolvedPath(options.key), tree))
+        return;
+    for (auto file = contents.files.begin(); file != contents.files.end(); ++file) {
+        if (file.value().status.size != quint64(key.Size()))
+            continue;
+        SecretBytes other;
+        const QString path = JoinPath(tree, file.key());
+        if (ReadSecretFile(path, key.Size(), &other, &exposed).isEmpty() && other == key)
+            problems->Refuse(Shown(file.key()),
+                             QStringLiteral("a copy of the secret key; others would get it"));
+    }
+}
+
 QList<guard::PublicKey> LoadPublicKeys(const QStringList& paths, Problems* problems)
 {
     QList<guard::PublicKey> keys;

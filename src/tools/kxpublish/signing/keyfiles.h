@@ -1,6 +1,7 @@
 #pragma once
 
 #include "secretkey.h"
+#include "source/treecheck.h"
 
 #include <kxguard/publickey.h>
 
@@ -31,6 +32,10 @@ void LoadSecretKey(const QString& option, const SigningOptions& options, SecretK
 /** Refuses a key that lies in `directory`, whose content others are given. Both resolved. */
 void CheckKeyIsOutside(const QString& option, const SigningOptions& options,
                        const QString& directory, Problems* problems);
+
+/** Refuses each file of the tree that is a copy of the key, or another name of it. */
+void CheckKeyHasNoCopy(const SigningOptions& options, const QString& tree,
+                       const TreeContents& contents, Problems* problems);
 
 /** Reads public key files; each that cannot be used is a problem. */
 QList<guard::PublicKey> LoadPublicKeys(const QStringList& paths, Problems* problems);
