@@ -146,6 +146,8 @@ void TestPublicKey::OtherTextsAreRefused_data()
     QTest::newRow("padding within") << QByteArray(line).replace(54, 2, "==") << noLine;
     QTest::newRow("algorithm of prehashed signatures") << Line("ED" + bytes.mid(2)) << notEd;
     QTest::newRow("unknown algorithm") << Line("Xx" + bytes.mid(2)) << notEd;
+    QTest::newRow("secret key") << commentLine + Line("Ed" + QByteArray(156, 's')) + '\n'
+                                << "secret key";
     QTest::newRow("one byte larger than 64 KiB")
         << "untrusted comment: " + QByteArray(64 * 1024 - 19 - 57 + 1, 'c') + '\n' + line
         << "larger than";

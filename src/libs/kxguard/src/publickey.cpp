@@ -15,9 +15,20 @@ constexpr qsizetype largestFile = 64 * 1024;
 const QByteArray algorithm = QByteArrayLiteral("Ed");
 const QByteArray commentStart = QByteArrayLiteral("untrusted comment: ");
 
+// A line of a secret key: algorithm, key derivation and checksum, salt and two limits, then id, key
+// and digest.
+constexpr qsizetype secretKeySize = 158;
+
 Problem Malformed(const QString& reason)
 {
     return {KeyMalformed, reason};
+}
+
+// The two files of a pair are easily confused, and the secret one should not be here at all.
+bool IsSecretKey(const QByteArray& line)
+{
+    QByteArray bytes;
+    return DecodeBase64(line, secretKeySize, &bytes) && bytes.startsWith(algorithm);
 }
 
 } // namespace
@@ -44,6 +55,8 @@ Problem PublicKey::Parse(const QByteArray& text, PublicKey* key)
             return Malformed(QStringLiteral("its first line is not 'untrusted comment: ...'"));
         line.remove(0, end + 1);
     }
+    if (IsSecretKey(line))
+        return Malformed(QStringLiteral("it is a secret key, which is for the publisher alone"));
     QByteArray bytes;
     if (!DecodeBase64(line, algorithm.size() + keyIdSize + keySize, &bytes))
         return Malformed(QStringLiteral("it has no line of 56 characters of base64, or more lines "
