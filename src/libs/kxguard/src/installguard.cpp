@@ -135,8 +135,8 @@ Problem CheckOrder(const QString& version, const Settings& settings)
     if (settings.isDowngradeAllowed || version.isEmpty() ||
         !(common::Version(settings.currentVersion) > common::Version(version)))
         return {};
-    return {InstallDowngrade, QStringLiteral("Version %1 is earlier than the installed %2; that it "
-                                             "may be installed all the same was not said.")
+    return {InstallDowngrade, QStringLiteral("Version %1 is earlier than the installed %2, and "
+                                             "downgrades are not allowed.")
                                   .arg(version, settings.currentVersion)};
 }
 
