@@ -268,6 +268,9 @@ void TstKxupdateRecover::UnwritableParentNeedsAttention()
     QVERIFY2(process.Status() == 8, process.Report());
     QCOMPARE(process.Output(), QStringLiteral("recovery: failed\nresult: broken\n"));
     QVERIFY2(process.Errors().contains(QStringLiteral("Permission denied")), process.Report());
+    QVERIFY2(process.Errors().contains(QStringLiteral("The old version was moved aside to '%1'.")
+                                           .arg(opt.Path(QStringLiteral("app.old")))),
+             process.Report());
     QCOMPARE(kxtest::Snapshot(opt.Path(QStringLiteral("app.old"))), site.Published(v1));
 }
 

@@ -2,6 +2,8 @@
 #include "treebuilder.h"
 #include "updatesite.h"
 
+#include <kxguard/filelock.h>
+
 #include <QDir>
 #include <QSignalSpy>
 #include <QTest>
@@ -24,12 +26,14 @@ private Q_SLOTS:
     void StatusAfterARun();
     void StatusOfAnUnfinishedDownloadNamesWhatIsWrong();
     void StatusOfAnInterruptedSwap();
+    void StatusOfASwapThatIsUnderWay();
     void StatusTellsWhoWorks();
     void StatusShowsNoPassword();
     void StatusOfUnusableDirectories_data();
     void StatusOfUnusableDirectories();
 
     void RepairNamesTheDamage();
+    void RepairLeavesAnotherVersionToUpdate_data();
     void RepairLeavesAnotherVersionToUpdate();
     void RepairFindsNothingToDo();
 };
@@ -117,6 +121,26 @@ void TstKxupdateStatus::StatusOfAnInterruptedSwap()
                  QStringLiteral("'kxupdate recover' renames it to '%1'").arg(site.App())),
              process.Report());
     QVERIFY(kxtest::Exists(site.Backup()));
+
+    // A check would otherwise only find that each file is missing.
+    site.Publish(v1);
+    KxupdateProcess check;
+    QVERIFY2(check.Run(site.Command(QStringLiteral("check"))), check.Report());
+    QVERIFY2(check.Errors().contains(QStringLiteral("A swap was cut off.")), check.Report());
+}
+
+void TstKxupdateStatus::StatusOfASwapThatIsUnderWay()
+{
+    UpdateSite site;
+    UpdateSite::CopyTree(site.Tree(v1), site.Backup());
+    guard::FileLock lock(guard::ApplicationLockPath(site.App()));
+    QVERIFY(lock.Take() == guard::FileLock::Result::Taken);
+    KxupdateProcess process;
+    QVERIFY2(process.Run(site.Command(QStringLiteral("status"))), process.Report());
+    QVERIFY2(process.Status() == 0, process.Report());
+    QVERIFY2(process.Errors().contains(QStringLiteral("An install is under way")),
+             process.Report());
+    QVERIFY2(!process.Errors().contains(QStringLiteral("was cut off")), process.Report());
 }
 
 void TstKxupdateStatus::StatusTellsWhoWorks()
@@ -219,18 +243,36 @@ void TstKxupdateStatus::RepairNamesTheDamage()
     QCOMPARE(site.Installed(), site.Published(v2));
 }
 
+void TstKxupdateStatus::RepairLeavesAnotherVersionToUpdate_data()
+{
+    QTest::addColumn<QString>("installed");
+    QTest::addColumn<QString>("offered");
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<QString>("command");
+    const QString update = QStringLiteral("'kxupdate update'");
+    const QString allow = QStringLiteral("--allow-downgrade");
+    QTest::newRow("later") << v1 << v2 << QStringList() << update;
+    QTest::newRow("earlier") << v2 << v1 << QStringList()
+                             << QStringLiteral("'kxupdate update --allow-downgrade'");
+    QTest::newRow("earlier and allowed") << v2 << v1 << QStringList(allow) << update;
+}
+
 void TstKxupdateStatus::RepairLeavesAnotherVersionToUpdate()
 {
+    QFETCH(QString, installed);
+    QFETCH(QString, offered);
+    QFETCH(QStringList, options);
+    QFETCH(QString, command);
     UpdateSite site;
-    site.Publish(v2);
-    site.Install(v1);
+    site.Publish(offered);
+    site.Install(installed);
     KxupdateProcess process;
-    QVERIFY2(process.Run(site.Command(QStringLiteral("repair"), v1)), process.Report());
+    QVERIFY2(process.Run(site.Command(QStringLiteral("repair"), installed) + options),
+             process.Report());
     QVERIFY2(process.Status() == 10, process.Report());
     QCOMPARE(process.Data(QStringLiteral("result")), QStringLiteral("available"));
-    QVERIFY2(process.Errors().contains(QStringLiteral("'kxupdate update' installs it")),
-             process.Report());
-    QCOMPARE(site.Installed(), site.Published(v1));
+    QVERIFY2(process.Errors().contains(command + QStringLiteral(" installs it")), process.Report());
+    QCOMPARE(site.Installed(), site.Published(installed));
     QVERIFY(!kxtest::Exists(site.Next()));
 }
 

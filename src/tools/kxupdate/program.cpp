@@ -43,8 +43,9 @@ QList<OptionSpec> Settings()
          "With --watch: seconds between the end of a round and the next check, 1 to 2592000, of "
          "which at most 2147483 are waited; as long if not given."},
         {"key", "FILE",
-         "A public key in minisign's format; may be given more than once. With a key nothing is "
-         "downloaded or installed that one of them has not signed for --package.",
+         "A public key in minisign's format. With a key nothing is downloaded or installed that "
+         "one "
+         "of them has not signed for --package.",
          OptionSpec::Repeatable, Completion::File},
         {"allow-downgrade", nullptr,
          "Take a version that is earlier than the installed one; without it such a version is "

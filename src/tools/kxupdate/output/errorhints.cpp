@@ -126,7 +126,8 @@ const Row rows[] = {
     {guard::InstallParent, "A swap renames the application inside that directory. Run this as a "
                            "user who may write there."},
     {guard::InstallNoSpace, noSpace},
-    {guard::InstallRunning, "Close the program and run the command again."},
+    {guard::InstallRunning, "--refuse-running asks for that; without it the application is "
+                            "replaced, and the program goes on with its old files."},
     {guard::InstallDowngrade, "--allow-downgrade, or 'allow-downgrade = yes' in the configuration, "
                               "takes it all the same."},
     {guard::InstallJournal, rights},

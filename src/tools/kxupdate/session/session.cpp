@@ -274,6 +274,9 @@ void Session::AnnounceCheck()
 {
     console.Message(QStringLiteral("Checking '%1' at %2 for '%3'.")
                         .arg(options.package, Shown(QUrl(options.url)), application.Path()));
+    // What swaps has mended it before.
+    if (options.command == Options::Command::Check)
+        ReportSwap();
     awaited = Awaited::Check;
 }
 

@@ -133,6 +133,8 @@ private:
     void Install();
     void Conclude();
     void ReportStatus();
+    /** The backup, when there is one: an install is under way, or was cut off. */
+    void ReportSwap();
     void Recover();
 
     bool TakesApplicationLock() const;

@@ -69,7 +69,12 @@ void Session::FinishRecovery(const guard::Recovery& recovery)
         return Refuse(
             BusyText(guard::FileLock::OwnerOf(application.LockPath()), application.Path()));
     case guard::RecoveryState::Failed:
-        return Fail(recovery.text, ExitStatus::Broken);
+        return Fail(application.NeedsRestore()
+                        ? recovery.text +
+                              QStringLiteral(" The old version was moved aside to '%1'.")
+                                  .arg(application.BackupPath())
+                        : recovery.text,
+                    ExitStatus::Broken);
     case guard::RecoveryState::Absent:
         return Fail(recovery.text);
     case guard::RecoveryState::Whole:

@@ -19,9 +19,11 @@ void Session::RequireSameVersion()
 {
     if (options.command != Options::Command::Repair || repair)
         return Next();
+    const bool isRefused = IsDowngrade() && !options.allowDowngrade;
     console.Message(QStringLiteral("Only the installed version can be repaired, and the server has "
-                                   "%1, not %2. 'kxupdate update' installs it.")
-                        .arg(updater->ServerVersion(), options.current));
+                                   "%1, not %2. 'kxupdate update%3' installs it.")
+                        .arg(updater->ServerVersion(), options.current,
+                             isRefused ? QStringLiteral(" --allow-downgrade") : QString()));
     Finish(ExitStatus::UpdateAvailable);
 }
 

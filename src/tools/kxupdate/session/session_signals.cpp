@@ -101,8 +101,10 @@ void Session::OnActual()
                     ExitStatus::ServerFailed);
     ReportVersions(QStringLiteral("up-to-date"));
     if (options.current != updater->ServerVersion())
-        console.Message(QStringLiteral("--current says '%1', but the files are those of '%2'.")
-                            .arg(options.current, updater->ServerVersion()));
+        console.Message(QStringLiteral("%1 says '%2', but the files are those of '%3'.")
+                            .arg(options.currentFromConfig ? QStringLiteral("The configuration")
+                                                           : QStringLiteral("--current"),
+                                 options.current, updater->ServerVersion()));
     console.Message(QStringLiteral("Up to date."));
     FinishUpToDate();
 }

@@ -43,14 +43,7 @@ void Session::ReportStatus()
         console.Message(violation);
     data("backup", Word(application.BackupExists(), "present", "none"));
     ReportLock(QStringLiteral("application-lock"), application.LockPath());
-    if (application.NeedsRestore())
-        console.Message(QStringLiteral("A swap was cut off. '%1' is the whole old version: "
-                                       "'kxupdate recover' renames it to '%2'.")
-                            .arg(application.BackupPath(), application.Path()));
-    else if (application.BackupExists())
-        console.Message(QStringLiteral("'%1' is left from a swap that was cut off. The next one "
-                                       "removes it; until then it is a copy of the old version.")
-                            .arg(application.BackupPath()));
+    ReportSwap();
     if (options.download.isEmpty())
         return FinishStatus();
 
@@ -62,6 +55,25 @@ void Session::ReportStatus()
     if (record.Attempts() > 0)
         data("attempts", QString::number(record.Attempts()));
     ReportDownload();
+}
+
+void Session::ReportSwap()
+{
+    if (!application.BackupExists())
+        return;
+    const QString backup = application.BackupPath();
+    if (guard::FileLock::OwnerOf(application.LockPath()).process > 0)
+        console.Message(QStringLiteral("An install is under way; '%1' is the old version until its "
+                                       "end.")
+                            .arg(backup));
+    else if (application.NeedsRestore())
+        console.Message(QStringLiteral("A swap was cut off. '%1' is the whole old version: "
+                                       "'kxupdate recover' renames it to '%2'.")
+                            .arg(backup, application.Path()));
+    else
+        console.Message(QStringLiteral("'%1' is left from a swap that was cut off. The next one "
+                                       "removes it; until then it is a copy of the old version.")
+                            .arg(backup));
 }
 
 void Session::ReportDownload()
