@@ -47,6 +47,8 @@ private Q_SLOTS:
     void DamagedDownloadIsNotInstalled();
     void ReadOnlyParentIsRefusedBeforeDownloading();
     void UnwritableDownloadDirectoryIsRefusedBeforeDownloading();
+    void DownloadThatOthersMayChangeIsRefusedBeforeDownloading_data();
+    void DownloadThatOthersMayChangeIsRefusedBeforeDownloading();
     void VolumeWithoutRoomIsNotTakenForReadOnly();
     void TooLittleSpaceIsRefusedBeforeDownloading();
     void EarlierVersionIsRefusedBeforeDownloading_data();
@@ -271,6 +273,34 @@ void TstKxupdateRefusals::UnwritableDownloadDirectoryIsRefusedBeforeDownloading(
     QVERIFY2(process.Status() == 3, process.Report());
     QVERIFY2(process.Errors().contains(site.Path(QStringLiteral("cache/next"))), process.Report());
     QVERIFY2(process.Errors().contains(QStringLiteral(": Permission denied.")), process.Report());
+    QCOMPARE(site.Server().RequestCount(), 0);
+}
+
+void TstKxupdateRefusals::DownloadThatOthersMayChangeIsRefusedBeforeDownloading_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QString>("open");
+    QTest::newRow("the directory") << "update"
+                                   << "cache/next";
+    QTest::newRow("the one above") << "download"
+                                   << "cache";
+}
+
+void TstKxupdateRefusals::DownloadThatOthersMayChangeIsRefusedBeforeDownloading()
+{
+    QFETCH(QString, command);
+    QFETCH(QString, open);
+    UpdateSite site;
+    site.Publish(v2);
+    site.Install(v1);
+    kxtest::TreeBuilder(site.Path(QStringLiteral("."))).Dir(QStringLiteral("cache/next"));
+    kxtest::SetMode(site.Path(open), 0777);
+    KxupdateProcess process;
+    QVERIFY2(process.Run(Replace(site.Command(command), QStringLiteral("--download"),
+                                 site.Path(QStringLiteral("cache/next")))),
+             process.Report());
+    QVERIFY2(process.Status() == 3, process.Report());
+    QVERIFY2(process.Errors().contains(QStringLiteral("620205")), process.Report());
     QCOMPARE(site.Server().RequestCount(), 0);
 }
 

@@ -65,7 +65,12 @@ QString WriteProblem(const QString& path)
     namespace fs = std::filesystem;
     const fs::path probe = ToNative(path);
     std::error_code error;
-    fs::create_directory(probe, error);
+    // Between the attempt and the look at what is in the way, another process may have removed it.
+    for (int tries = 0; tries < 100; ++tries) {
+        fs::create_directory(probe, error);
+        if (error != std::errc::file_exists)
+            break;
+    }
     if (!error)
         fs::remove(probe, error);
     return error ? QString::fromStdString(error.message()) : QString();
@@ -396,6 +401,11 @@ Recovery InstallGuard::Recover()
         return RecoverLocked(d->lockedApp, Removals::Do);
     return {RecoveryState::Busy, QStringLiteral("The application is not locked by this guard, or "
                                                 "being replaced.")};
+}
+
+Problem InstallGuard::CheckDownloadPath() const
+{
+    return CheckDownloadPlace(d->updater->DownloadPath());
 }
 
 int InstallGuard::LastErrorCode() const

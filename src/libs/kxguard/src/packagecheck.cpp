@@ -46,6 +46,16 @@ bool HasKindAndSize(const QString& path, const InventoryEntry& entry, const upda
     return entry.kind == InventoryEntry::File && entry.size == record.Size();
 }
 
+Problem Exposed(const QString& root, const QString& text)
+{
+    if (text.isEmpty())
+        return {};
+    return {PackageExposed,
+            QStringLiteral("Nothing is installed from '%1', where another user could change what "
+                           "was verified: %2.")
+                .arg(root, text)};
+}
+
 // In all directories: a file in one that is empty now would be copied with the others.
 Problem CheckExposure(const QString& root, const QStringList& directories,
                       const QList<InventoryEntry>& inventory,
@@ -60,12 +70,7 @@ Problem CheckExposure(const QString& root, const QStringList& directories,
         if (text.isEmpty())
             text = Exposure(PathOf(root, entry.name), IsMeantWritable(records.value(entry.name)));
     }
-    if (text.isEmpty())
-        return {};
-    return {PackageExposed,
-            QStringLiteral("Nothing is installed from '%1', where another user could change what "
-                           "was verified: %2.")
-                .arg(root, text)};
+    return Exposed(root, text);
 }
 
 Problem CheckDigest(const QString& path, const updater::File& record)
@@ -93,6 +98,12 @@ QString Sample(const QStringList& names)
     if (names.size() > shown)
         text += QStringLiteral(" and %1 more").arg(names.size() - shown);
     return text;
+}
+
+Problem CheckDownloadPlace(const QString& root)
+{
+    const QString text = ParentExposure(root);
+    return Exposed(root, text.isEmpty() ? Exposure(root) : text);
 }
 
 Problem CheckPackage(const QString& root, const updater::FileList& manifest,

@@ -13,6 +13,10 @@ namespace guard {
 /** Up to five of `names`, and how many more there are; for a message. */
 QString Sample(const QStringList& names);
 
+/** Whether another user may change what the download directory `root`, which need not exist, holds
+ *  or will hold, or what stands at its path. */
+Problem CheckDownloadPlace(const QString& root);
+
 /**
  * Checks that the download directory `root` holds exactly the records of `manifest`, hidden entries
  * included, with their digests and link targets, and that no other user may change it. Reads every

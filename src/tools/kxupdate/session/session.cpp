@@ -219,6 +219,10 @@ void Session::CheckDirectories()
         reason = download.ClaimViolation();
     if (!reason.isEmpty())
         return Refuse(reason);
+    // What nothing would be installed from is not worth a download.
+    const guard::Problem exposed = assembles ? installGuard.CheckDownloadPath() : guard::Problem();
+    if (exposed)
+        return Refuse(exposed);
     placesAreGood = true;
 
     if (options.command == Options::Command::Download) {

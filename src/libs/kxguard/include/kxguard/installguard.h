@@ -79,6 +79,10 @@ public:
      */
     Recovery Recover();
 
+    /** Why nothing will be installed from the updater's download directory as it is now, because
+     *  another user may change it (PackageExposed): worth knowing before the download. */
+    Problem CheckDownloadPath() const;
+
     /** An ErrorCode: why the last install was refused; 0 when it was not, or by the host's
      *  callback. Any thread. */
     int LastErrorCode() const;
