@@ -88,6 +88,7 @@ private Q_SLOTS:
     void BackupPathThatIsTakenLeavesTheApplication_data();
     void BackupPathThatIsTakenLeavesTheApplication();
     void ApplicationThatCannotBeMovedStays();
+    void ApplicationThatCannotBeLookedAtIsNotMissing();
     void FailedCopyIsRolledBack_data();
     void FailedCopyIsRolledBack();
     void FailedCopyIntoAnApplicationThatAppearedIsRolledBack();
@@ -479,6 +480,25 @@ void TestUpdaterSwap::BackupPathThatIsTakenLeavesTheApplication()
     rig->Start();
     const QStringList before = Snapshot(rig->Root());
     QVERIFY(rig->Install("FAILED"));
+    const QString text = RenameText(rig->App(), rig->Backup());
+    QCOMPARE(rig->Errors(), QStringList(ErrorLine(updater::BackupFailed, text)));
+    QVERIFY(rig->Logged("3 BACKUPING: " + text));
+    QCOMPARE(Snapshot(rig->Root()), before);
+}
+
+void TestUpdaterSwap::ApplicationThatCannotBeLookedAtIsNotMissing()
+{
+    Trees();
+    // No path leads anywhere while its directory is a link to itself.
+    const QString aside = rig->Scratch("aside") + "/root";
+    rig->AtState("BACKUPING", [this, aside] {
+        QVERIFY(QDir().rename(rig->Root(), aside));
+        QVERIFY(QFile::link("root", rig->Root()));
+    });
+    rig->Start();
+    const QStringList before = Snapshot(rig->Root());
+    QVERIFY(rig->Install("FAILED"));
+    QVERIFY(QFile::remove(rig->Root()) && QDir().rename(aside, rig->Root()));
     const QString text = RenameText(rig->App(), rig->Backup());
     QCOMPARE(rig->Errors(), QStringList(ErrorLine(updater::BackupFailed, text)));
     QVERIFY(rig->Logged("3 BACKUPING: " + text));

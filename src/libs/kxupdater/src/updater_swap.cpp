@@ -17,10 +17,38 @@
 #include <kxupdater/errors.h>
 
 #include <QDir>
+#include <QFile>
 
+#include <filesystem>
 #include <new>
+#include <type_traits>
 
 namespace updater {
+namespace {
+
+enum class DirectoryStatus { Missing, Present, Unknown };
+
+// Unlike QDir, tells a directory that the system could not look at from one that is not there.
+DirectoryStatus StatusOf(const QString& path)
+{
+    namespace fs = std::filesystem;
+    fs::path native;
+    if constexpr (std::is_same_v<fs::path::value_type, char>)
+        native = QFile::encodeName(path).toStdString();
+    else
+        native = QDir::toNativeSeparators(path).toStdWString();
+    std::error_code error;
+    switch (fs::status(native, error).type()) {
+    case fs::file_type::directory:
+        return DirectoryStatus::Present;
+    case fs::file_type::none:
+        return DirectoryStatus::Unknown;
+    default:
+        return DirectoryStatus::Missing;
+    }
+}
+
+} // namespace
 
 void Updater::OnAppCallbackStateEnter()
 {
@@ -86,7 +114,16 @@ void Updater::OnBackupRemovingStateExit()
 void Updater::OnBackupingStateEnter()
 {
     const QString backup = BackupPath();
-    if (!QDir(localPackagePath).exists()) {
+    const DirectoryStatus status = StatusOf(localPackagePath);
+    if (status == DirectoryStatus::Unknown) {
+        // Taken for a missing one, the new version would be copied over the old one, unsaved.
+        const QString text =
+            QStringLiteral("Cannot rename directory '%1' to '%2'!").arg(localPackagePath, backup);
+        KX_LOG_STATE(Error) << text;
+        Q_EMIT error(BackupFailed, text);
+        return;
+    }
+    if (status == DirectoryStatus::Missing) {
         KX_LOG_STATE(Warning)
             << QStringLiteral("Cannot create backup. Application directory '%1' isn't exist!")
                    .arg(localPackagePath);
