@@ -157,7 +157,7 @@ CrashStates::Fate CrashStates::FateOf(const CrashState& state, int inode) const
     fate.full = IndexAt(history, state.steps);
     fate.data = state.data;
     if (fate.data == Data::Mixed)
-        fate.data = Data(QRandomGenerator(state.seed + quint32(inode)).bounded(4));
+        fate.data = Data((state.seed + quint32(inode)) * 2654435761U >> 30);
     if (fate.full == fate.synced)
         fate.data = Data::All;
     return fate;

@@ -2,12 +2,11 @@
 
 #include "treebuilder.h"
 
-#include <QDir>
 #include <QFile>
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
+#include <cstdlib>
 
 #include <dirent.h>
 #include <fcntl.h>

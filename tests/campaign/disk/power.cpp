@@ -13,6 +13,7 @@
 #include <kxguard/recover.h>
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QMutex>
 #include <QRandomGenerator>
@@ -33,6 +34,9 @@ QString S(const char* text)
 {
     return QString::fromUtf8(text);
 }
+
+// Of one tree under one model; a long run checks what there is up to it.
+constexpr size_t mostStates = 10000;
 
 const char* NameOf(Order order)
 {
@@ -76,7 +80,9 @@ public:
 private:
     QString Place(int thread) const { return directory + S("/place-%1").arg(thread); }
     bool Record(const QString& place, const campaign::TracedCommand& command, Recording* recording);
-    void Lay(const Recording& recording, const DiskModel& state, const QString& place) const;
+    enum class Extent { Application, All };
+    void Lay(const Recording& recording, const DiskModel& state, const QString& place,
+             Extent extent = Extent::Application) const;
     QString Recovered(const QString& place, Counts* count) const;
     void Check(const Recording& recording, const CrashStates& states, Order order, int sample);
     void CheckState(const Recording& recording, const CrashStates& states, const CrashState& state,
@@ -132,12 +138,18 @@ bool PowerCampaign::Record(const QString& place, const campaign::TracedCommand& 
 }
 
 // Lays a state out on disk, with journals that know the directories that are made now.
-void PowerCampaign::Lay(const Recording& recording, const DiskModel& state,
-                        const QString& place) const
+void PowerCampaign::Lay(const Recording& recording, const DiskModel& state, const QString& place,
+                        Extent extent) const
 {
     kxtest::Remove(place);
-    state.WriteTo(0, QFile::encodeName(place));
     const int parent = state.Find("opt");
+    if (extent == Extent::All) {
+        state.WriteTo(0, QFile::encodeName(place));
+    } else {
+        // Nobody looks at the download, which is half of all.
+        QDir().mkpath(place);
+        state.WriteTo(parent, QFile::encodeName(UpdateRound::Parent(place)));
+    }
     QList<QPair<QByteArray, QByteArray>> identities;
     const auto& names = state.inodes[size_t(parent)].names;
     for (auto name = names.cbegin(); name != names.cend(); ++name) {
@@ -156,7 +168,8 @@ QString PowerCampaign::Recovered(const QString& place, Counts* count) const
 {
     const guard::Recovery recovery = guard::Recover(UpdateRound::App(place));
     QString problem = round.WholeProblem(place);
-    if (problem.isEmpty())
+    const bool isClean = problem.isEmpty() && round.NeighbourProblem(place, true).isEmpty();
+    if (problem.isEmpty() && !isClean)
         problem = round.NeighbourProblem(place, false);
     if (problem.isEmpty() && !recovery.IsWhole())
         problem = S("the recovery says that nothing whole stands there");
@@ -166,7 +179,7 @@ QString PowerCampaign::Recovered(const QString& place, Counts* count) const
         ++count->checked;
         count->restored += recovery.state == guard::RecoveryState::Restored;
         count->finished += recovery.state == guard::RecoveryState::Finished;
-        count->leftovers += !round.NeighbourProblem(place, true).isEmpty();
+        count->leftovers += !isClean;
     }
     return {};
 }
@@ -191,13 +204,14 @@ void PowerCampaign::CheckState(const Recording& recording, const CrashStates& st
     const DiskModel model = states.Build(state);
     const auto where = [&] { return S(NameOf(order)) + S(", ") + states.Describe(state); };
     Counts& count = counts[int(order)];
-    Lay(recording, model, place);
+    const bool isUpdated = item % (isSample ? 20 : 50) == 0;
+    Lay(recording, model, place, isUpdated ? Extent::All : Extent::Application);
     QString problem = Recovered(place, &count);
     if (!problem.isEmpty()) {
         Fail(where(), problem);
         return;
     }
-    if (item % (isSample ? 20 : 50) == 0) {
+    if (isUpdated) {
         ++count.nextUpdates;
         problem = NextUpdateProblem(place);
         if (!problem.isEmpty())
@@ -239,10 +253,11 @@ void PowerCampaign::Check(const Recording& recording, const CrashStates& states,
     std::vector<CrashState> all =
         states.Distinct(order, recording.start.Find("opt"), isSample ? 1 : 10, seed, share);
     distinct[int(order)] += int(all.size());
-    if (isSample) {
+    const size_t most = isSample ? size_t(sample) : mostStates;
+    if (all.size() > most) {
         QRandomGenerator random(seed);
         std::shuffle(all.begin(), all.end(), random);
-        all.resize(std::min<size_t>(all.size(), size_t(sample)));
+        all.resize(most);
     }
     campaign::InParallel(
         int(all.size()),
