@@ -9,6 +9,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QProcess>
 #include <QRegularExpression>
 #include <QTest>
 
@@ -122,6 +123,7 @@ private Q_SLOTS:
 
     void NothingIsDoneWhileAnotherProcessHasTheLock();
     void WaitsForTheLock();
+    void SmallJournalTakesLittleMemory();
     void LockThatCannotBeMadeIsAFailure_data();
     void LockThatCannotBeMadeIsAFailure();
     void OneOfManyDoesIt_data();
@@ -891,6 +893,24 @@ void TestRecover::WaitsForTheLock()
     lock.Release();
     QVERIFY(other.Line().startsWith(QString::number(int(RecoveryState::Finished))));
     QVERIFY2(site->IsNew(), site->Report());
+}
+
+void TestRecover::SmallJournalTakesLittleMemory()
+{
+    const auto recoverWithin = [this](const char* kibibytes) {
+        QProcess shell;
+        shell.start("sh",
+                    {"-c", QString("ulimit -v %1; exec \"$0\" recover \"$1\" 0").arg(kibibytes),
+                     GuardChild::Program(), site->App()});
+        return shell.waitForFinished(-1) && shell.exitStatus() == QProcess::NormalExit &&
+               shell.exitCode() == 0;
+    };
+    site->Reset();
+    if (!recoverWithin("240000"))
+        QSKIP("No program starts with so little memory here, as under a sanitizer.");
+    KilledBeforeTheEnd();
+    QVERIFY(recoverWithin("240000"));
+    QVERIFY2(site->IsOld() || site->IsNew(), site->Report());
 }
 
 void TestRecover::LockThatCannotBeMadeIsAFailure_data()

@@ -122,7 +122,8 @@ bool Journal::Read(const QString& appDir, Journal* journal)
     if (info.isSymLink() || !info.isFile() || info.size() > largest || !IsTrusted(info))
         return false;
     QFile file(info.filePath());
-    return file.open(QIODevice::ReadOnly) && Parse(file.read(largest), journal);
+    // As much memory as it needs, and not as much as it may: there may be a limit.
+    return file.open(QIODevice::ReadOnly) && Parse(file.read(info.size() + 1), journal);
 }
 
 Journal::Match Journal::Compare(const QList<InventoryEntry>& tree) const
